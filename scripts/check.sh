@@ -6,7 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-all=(headers library clang format tidy shell)
+all=(headers library readme clang format tidy shell docs)
 strict=(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -Isrc/lib/qrn -Isrc/mon/qrn)
 
 # Each header compiles on its own and twice in a row: as C++20, and as C11 where it is C.
@@ -47,6 +47,13 @@ check_library() {
     fi
 }
 
+# The example in the README compiles and runs. Needs `library`.
+check_readme() {
+    awk '/^```c$/ { inside = 1; next } /^```$/ { inside = 0 } inside' README.md >build/readme.c
+    gcc -std=c11 "${strict[@]}" build/readme.c build/library/src/libqrn.a -lstdc++ -lpthread -o build/readme
+    [ "$(build/readme)" = "hello, world" ]
+}
+
 # Everything compiles under clang too.
 check_clang() {
     cmake --preset clang >/dev/null
@@ -63,7 +70,7 @@ check_tidy() {
         { cat build/tidy.log >&2; return 1; }
 }
 
-# Every script parses and runs in strict mode.
+# Every script parses and is strict.
 check_shell() {
     local script
     for script in scripts/*.sh .ci/run; do
@@ -71,6 +78,10 @@ check_shell() {
         grep -q '^set -euo pipefail$' "$script" || { echo "check: $script is not strict" >&2; return 1; }
     done
     ! command -v shellcheck >/dev/null || shellcheck scripts/*.sh .ci/run
+}
+
+check_docs() {
+    ./scripts/docs.sh
 }
 
 mkdir -p build
