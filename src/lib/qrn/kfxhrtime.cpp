@@ -1,0 +1,197 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Time.
+ *
+ * Source of stamps: the time-stamp counter is used where the processor calls it invariant and the
+ * kernel keeps its own time by it, which says that it is synchronised across processors. The fence
+ * before the read keeps it behind every load that precedes it, so a stamp taken after another thread's
+ * stamp became known is never the smaller one. Elsewhere stamps are CLOCK_MONOTONIC in nanoseconds.
+ *
+ * Calibration: a pair of readings (counter, CLOCK_MONOTONIC) is taken when the library is loaded. A
+ * conversion that finds no factor takes a second pair and divides; when the first pair is younger than
+ * 4 ms it waits until it is that old. A pair is off by a few ten nanoseconds at most, so that factor is
+ * good to about 1e-5. Conversions that find the first pair older than 64 ms and then 1 s improve the
+ * factor once each; from then on a conversion is one multiplication.
+ *
+ * The operations are weak: a program may put its own in their place at link time. */
+#include "kfxhrtime.h"
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <iterator>
+
+#if defined(__x86_64__)
+#include <cpuid.h>
+#endif
+
+#include "kfxsync.h"
+
+namespace {
+
+constexpr uint64_t nsec_per_sec = 1'000'000'000;
+/* How old the first pair must be for each improvement of the factor. */
+constexpr uint64_t refine_age_nsec[] = {4'000'000, 64'000'000, nsec_per_sec};
+constexpr unsigned refined = std::size(refine_age_nsec);
+
+uint64_t clock_nsec(clockid_t clock)
+{
+    timespec now;
+    clock_gettime(clock, &now);
+    return static_cast<uint64_t>(now.tv_sec) * nsec_per_sec + static_cast<uint64_t>(now.tv_nsec);
+}
+
+#if defined(__x86_64__)
+
+uint64_t read_counter()
+{
+    uint32_t low, high;
+    asm volatile("lfence\n\trdtsc" : "=a"(low), "=d"(high) : : "memory");
+    return static_cast<uint64_t>(high) << 32 | low;
+}
+
+bool counter_is_invariant()
+{
+    unsigned eax, ebx, ecx, edx;
+    return __get_cpuid(0x80000007, &eax, &ebx, &ecx, &edx) != 0 && (edx & 1U << 8) != 0;
+}
+
+bool kernel_trusts_counter()
+{
+    char name[16] = "";
+    FILE *file =
+        std::fopen("/sys/devices/system/clocksource/clocksource0/current_clocksource", "re");
+    if (file == nullptr)
+        return false;
+    const bool read = std::fgets(name, sizeof name, file) != nullptr;
+    std::fclose(file);
+    return read && std::strcmp(name, "tsc\n") == 0;
+}
+
+bool counter_usable()
+{
+    return counter_is_invariant() && kernel_trusts_counter();
+}
+
+#else
+
+uint64_t read_counter()
+{
+    return clock_nsec(CLOCK_MONOTONIC);
+}
+
+bool counter_usable()
+{
+    return false;
+}
+
+#endif
+
+__extension__ typedef unsigned __int128 uint128;
+
+struct reading {
+    uint64_t ticks;
+    uint64_t nsec;
+};
+
+/* Both clocks at one moment: the tightest of several tries, so that a preempted one does not count. */
+reading read_both()
+{
+    reading best = {};
+    uint64_t best_width = UINT64_MAX;
+    for (int i = 0; i < 16; ++i) {
+        const uint64_t before = read_counter();
+        const uint64_t nsec = clock_nsec(CLOCK_MONOTONIC);
+        const uint64_t width = read_counter() - before;
+        if (width < best_width) {
+            best_width = width;
+            best = {before + width / 2, nsec};
+        }
+    }
+    return best;
+}
+
+/* What is found out once. */
+struct clock_base {
+    bool use_counter = counter_usable();
+    reading first = read_both();
+    int64_t wall_offset_nsec = static_cast<int64_t>(clock_nsec(CLOCK_REALTIME)) -
+                               static_cast<int64_t>(clock_nsec(CLOCK_MONOTONIC));
+};
+
+const clock_base &base()
+{
+    static const clock_base found;
+    return found;
+}
+
+/* Finds it out at load time, before any thread needs it. */
+[[maybe_unused]] const clock_base &loaded_ = base();
+
+kfx_mutex_t refine_lock_ = PTHREAD_MUTEX_INITIALIZER; // serialises improvements; nothing nests
+constinit unsigned refinements_ = 0; // made so far; written under the lock after `factor_`
+constinit uint64_t factor_ = 0;      // microseconds a tick, in units of 2^-64
+
+bool refinement_due(unsigned done)
+{
+    if (done == 0)
+        return true;
+    return done < refined &&
+           clock_nsec(CLOCK_MONOTONIC) - base().first.nsec >= refine_age_nsec[done];
+}
+
+void refine()
+{
+    kfx::lock_guard guard(refine_lock_);
+    const unsigned done = kfx::load(refinements_);
+    if (!refinement_due(done))
+        return;
+    const reading &first = base().first;
+    reading last;
+    do {
+        last = read_both();
+    } while (last.nsec - first.nsec < refine_age_nsec[done] || last.ticks == first.ticks);
+    const long double usec = static_cast<long double>(last.nsec - first.nsec) / 1000;
+    const auto ticks = static_cast<long double>(last.ticks - first.ticks);
+    kfx::store(factor_, static_cast<uint64_t>(usec / ticks * 0x1p64L));
+    // Release: who sees the count with acquire sees a factor.
+    kfx::store(refinements_, done + 1, std::memory_order_release);
+}
+
+uint64_t ticks_to_usec(uint64_t ticks)
+{
+    if (!base().use_counter)
+        return ticks / 1000;
+    if (refinement_due(kfx::load(refinements_, std::memory_order_acquire)))
+        refine();
+    return static_cast<uint64_t>(static_cast<uint128>(ticks) * kfx::load(factor_) >> 64);
+}
+
+} // namespace
+
+extern "C" {
+
+[[gnu::weak]] void kfx_hrtime_timestamp(kfx_hrtime_t *ts)
+{
+    ts->tsc_ticks = base().use_counter ? read_counter() : clock_nsec(CLOCK_MONOTONIC);
+}
+
+[[gnu::weak]] void kfx_hrtime_delta(const kfx_hrtime_t *start, const kfx_hrtime_t *end,
+                                    kfx_hrtime_ivl_t *ivl)
+{
+    *ivl = end->tsc_ticks - start->tsc_ticks;
+}
+
+[[gnu::weak]] void kfx_hrtime_delta_usec(const kfx_hrtime_ivl_t *ivl, qrn_ulong_t *usec)
+{
+    *usec = ticks_to_usec(*ivl);
+}
+
+[[gnu::weak]] void kfx_current_tv(struct timeval *tv)
+{
+    const int64_t usec =
+        (static_cast<int64_t>(clock_nsec(CLOCK_MONOTONIC)) + base().wall_offset_nsec) / 1000;
+    tv->tv_sec = usec / 1'000'000;
+    tv->tv_usec = usec % 1'000'000;
+}
+
+} // extern "C"
