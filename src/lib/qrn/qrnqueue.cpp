@@ -1,0 +1,479 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The blocking queue, and the ordered list at the end of the file.
+//
+// LIST. A singly linked list with a sentinel at its head and a lock at each end. An appender links its
+// node behind `tail` with a release store of `next`, which publishes the item; takers and passes, which
+// exclude each other by `head_lock`, read `next` with acquire order. A taker makes the first node the
+// new sentinel and retires the old one. A pass unlinks in place, and takes `tail_lock` only to unlink
+// the last node. It looks at what was queued when it began, so producers cannot keep it going.
+//
+// NODES are cut from segments, in the order they are linked. The segment whose nodes have all been
+// retired goes back to the appenders through `spare`, or to the allocator when one is there already,
+// so a queue in steady flow allocates nothing and one that has drained keeps two segments at most.
+//
+// TOKENS. sem_sz + takers that hold a token and have not looked yet + appends not posted yet = items
+// + stale tokens, stale >= 0. Each append adds a token after its item; a waiting taker gets a token
+// first, then looks. Whoever takes an item without a token (a poll, a pass) tries to take one
+// afterwards; where it cannot, one token is stale, and the taker that gets it finds nothing: -1.
+// Since stale is never negative, every item has a token that is posted, about to be, or held by
+// somebody who will look.
+//
+// WAITING. A taker that finds no token looks for one for a while, then parks on `park`. `idle` counts
+// both kinds. An append wakes one parked taker, and only when nobody is looking: a looker will see the
+// token. The waker moves the sleeper from parked to looking itself, so until that one runs no other
+// append wakes a second. The parked have no names: whoever leaves of its own accord while it is
+// counted as parked takes itself off the count, or, when a waker chose "it" meanwhile, consumes that
+// waker's post.
+//
+// No wake-up is lost, by two rules. W1: a taker that parks announces it in `idle`, then tries once
+// more for a token; an append posts its token, then reads `idle`; one of the two sees the other.
+// W2: whoever leaves the looking or parked state, by whatever way, wakes one of the parked when
+// tokens remain and nobody looks, because an append may have left a token to the one who leaves.
+
+#include "qrnqueue.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+using node = qrn_tl_queue_node_t;
+
+constexpr std::size_t segment_nodes = 255;
+
+struct segment {
+    std::size_t retired; // under head_lock
+    std::size_t unused;
+    node nodes[segment_nodes];
+};
+
+constexpr std::size_t segment_size = sizeof(segment);
+static_assert(segment_size == 4096, "a node finds its segment by its address");
+
+segment *segment_of(node *n)
+{
+    return reinterpret_cast<segment *>(reinterpret_cast<std::uintptr_t>(n) & ~(segment_size - 1));
+}
+
+// A segment to cut nodes from; null when memory ran out. Under tail_lock.
+segment *get_segment(qrn_tl_queue_t *q)
+{
+    void *block = nullptr;
+    if (kfx::load(q->spare) != nullptr)
+        block = kfx::exchange(q->spare, nullptr, std::memory_order_acquire); // from put_segment
+    if (block == nullptr)
+        block = std::aligned_alloc(segment_size, segment_size);
+    if (block == nullptr)
+        return nullptr;
+    auto *s = static_cast<segment *>(block);
+    s->retired = 0;
+    return s;
+}
+
+void put_segment(qrn_tl_queue_t *q, segment *s)
+{
+    // Acquire: what an earlier put_segment wrote there is freed here. Release: to get_segment.
+    std::free(kfx::exchange(q->spare, static_cast<void *>(s), std::memory_order_acq_rel));
+}
+
+// A node that no taker can see yet; null when memory ran out. Under tail_lock.
+node *cut_node(qrn_tl_queue_t *q)
+{
+    if (q->fresh == q->fresh_end) {
+        segment *s = get_segment(q);
+        if (s == nullptr)
+            return nullptr;
+        q->fresh = s->nodes;
+        q->fresh_end = s->nodes + segment_nodes;
+    }
+    return q->fresh++;
+}
+
+// Gives up a node that is linked no longer. Under head_lock.
+void retire(qrn_tl_queue_t *q, node *n)
+{
+    segment *s = segment_of(n);
+    if (++s->retired == segment_nodes)
+        put_segment(q, s);
+}
+
+// The node behind `n`, with the item that its appender published.
+node *after(const node *n)
+{
+    return kfx::load(n->next, std::memory_order_acquire);
+}
+
+// --- Waiting -------------------------------------------------------------------------------------
+
+constexpr qrn_uint_t one_looking = 1;
+constexpr qrn_uint_t one_parked = 1U << 16;
+
+constexpr bool somebody_looks(qrn_uint_t idle)
+{
+    return idle % one_parked != 0;
+}
+
+constexpr bool somebody_is_parked(qrn_uint_t idle)
+{
+    return idle >= one_parked;
+}
+
+constexpr bool needs_wake(qrn_uint_t idle)
+{
+    return somebody_is_parked(idle) && !somebody_looks(idle);
+}
+
+#ifdef KFX_SCHED_POINTS
+constexpr int spins = 2;
+#else
+constexpr int spins = 60;
+#endif
+
+void relax()
+{
+#ifdef __x86_64__
+    __builtin_ia32_pause();
+#else
+    asm volatile("yield");
+#endif
+}
+
+bool try_token(qrn_tl_queue_t *q)
+{
+    return sem_trywait(&q->sem_sz) == 0;
+}
+
+bool tokens_remain(qrn_tl_queue_t *q)
+{
+    int tokens = 0;
+    sem_getvalue(&q->sem_sz, &tokens);
+    return tokens > 0;
+}
+
+// Reads `idle` after a token was posted (rule W1). The post is a full barrier on x86; elsewhere a
+// read-modify-write puts this read and the announcement of a parking taker into one order.
+qrn_uint_t idle_after_post(qrn_tl_queue_t *q)
+{
+#ifdef __x86_64__
+    return kfx::load(q->idle, std::memory_order_seq_cst);
+#else
+    return kfx::add(q->idle, 0);
+#endif
+}
+
+// Wakes one of the parked, counting it as looking, unless somebody looks.
+void wake_one(qrn_tl_queue_t *q, qrn_uint_t idle)
+{
+    while (needs_wake(idle)) {
+        if (kfx::compare_exchange(q->idle, idle, idle - one_parked + one_looking,
+                                  std::memory_order_seq_cst)) {
+            sem_post(&q->park);
+            return;
+        }
+    }
+}
+
+// Rule W2, after a change of `idle` that left this value.
+void pass_on(qrn_tl_queue_t *q, qrn_uint_t idle)
+{
+    if (needs_wake(idle) && tokens_remain(q))
+        wake_one(q, idle);
+}
+
+void leave_looking(qrn_tl_queue_t *q)
+{
+    pass_on(q, kfx::sub(q->idle, one_looking) - one_looking);
+}
+
+void leave_parked(qrn_tl_queue_t *q)
+{
+    qrn_uint_t idle = kfx::load(q->idle);
+    while (somebody_is_parked(idle)) {
+        if (kfx::compare_exchange(q->idle, idle, idle - one_parked, std::memory_order_seq_cst))
+            return pass_on(q, idle - one_parked);
+    }
+    while (sem_wait(&q->park) != 0) // the post of the waker that chose this taker
+        ;
+    leave_looking(q);
+}
+
+bool look_for_token(qrn_tl_queue_t *q)
+{
+    for (int i = 0; i < spins; ++i) {
+        if (try_token(q))
+            return true;
+        relax();
+    }
+    return false;
+}
+
+// Sleeps until a waker chooses this taker; false when the deadline passed first.
+bool sleep_parked(qrn_tl_queue_t *q, const struct timespec *deadline)
+{
+    for (;;) {
+        int result = deadline == nullptr ? sem_wait(&q->park)
+                                         : sem_clockwait(&q->park, CLOCK_MONOTONIC, deadline);
+        if (result == 0)
+            return true;
+        if (errno != EINTR)
+            return false;
+    }
+}
+
+// Waits for a token, until the deadline when there is one.
+bool wait_for_token(qrn_tl_queue_t *q, const struct timespec *deadline)
+{
+    kfx::add(q->idle, one_looking);
+    for (;;) {
+        if (look_for_token(q)) {
+            leave_looking(q);
+            return true;
+        }
+        kfx::add(q->idle, one_parked - one_looking);
+        bool got = try_token(q); // rule W1
+        if (!got && sleep_parked(q, deadline))
+            continue;
+        leave_parked(q);
+        return got || try_token(q);
+    }
+}
+
+// --- Taking --------------------------------------------------------------------------------------
+
+// Takes the first item; false when there is none.
+bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo)
+{
+    kfx::lock_guard head(q->head_lock);
+    node *first = after(q->head);
+    if (first == nullptr)
+        return false;
+    *value = first->value;
+    retire(q, q->head);
+    q->head = first;
+    if (cbinfo != nullptr)
+        cbinfo->cbproc(*value, cbinfo->clientd);
+    return true;
+}
+
+int take_now(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo)
+{
+    if (take_first(q, value, cbinfo))
+        try_token(q);
+    return 0;
+}
+
+int take_waiting(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo,
+                 const struct timespec *deadline)
+{
+    if (!try_token(q) && !wait_for_token(q, deadline))
+        return -1;
+    return take_first(q, value, cbinfo) ? 0 : -1;
+}
+
+// --- Passes --------------------------------------------------------------------------------------
+
+// Unlinks the node behind `prev`, which is not null. Under head_lock.
+void unlink_after(qrn_tl_queue_t *q, node *prev)
+{
+    node *gone = after(prev);
+    node *next = after(gone);
+    if (next == nullptr) {
+        kfx::lock_guard tail(q->tail_lock); // an appender may be linking behind it
+        next = after(gone);
+        if (next == nullptr)
+            q->tail = prev;
+        prev->next = next;
+    } else {
+        prev->next = next;
+    }
+    retire(q, gone);
+    try_token(q);
+}
+
+node *last_node(qrn_tl_queue_t *q)
+{
+    kfx::lock_guard tail(q->tail_lock);
+    return q->tail;
+}
+
+// Unlinks the items for which `goes(item)` holds and calls `gone(item)` for each after it.
+template <class Goes, class Gone>
+void pass(qrn_tl_queue_t *q, Goes goes, Gone gone)
+{
+    kfx::lock_guard head(q->head_lock);
+    node *const last = last_node(q);
+    node *prev = q->head;
+    bool done = prev == last;
+    while (!done) {
+        node *n = after(prev);
+        done = n == last;
+        void *item = n->value;
+        if (goes(item)) {
+            unlink_after(q, prev);
+            gone(item);
+        } else {
+            prev = n;
+        }
+    }
+}
+
+bool init_locks(qrn_tl_queue_t *q)
+{
+    pthread_mutexattr_t
+        adaptive; // both locks are held for a few instructions: spin before sleeping
+    if (pthread_mutexattr_init(&adaptive) != 0)
+        return false;
+    pthread_mutexattr_settype(&adaptive, PTHREAD_MUTEX_ADAPTIVE_NP);
+    bool ok = pthread_mutex_init(&q->head_lock, &adaptive) == 0 &&
+              pthread_mutex_init(&q->tail_lock, &adaptive) == 0;
+    pthread_mutexattr_destroy(&adaptive);
+    return ok && sem_init(&q->sem_sz, 0, 0) == 0 && sem_init(&q->park, 0, 0) == 0;
+}
+
+} // namespace
+
+// Weak, here and below: a program may put its own operation in the place of any of these.
+
+[[gnu::weak]] qrn_tl_queue_t *qrn_tl_queue_create(void)
+{
+    void *block = std::aligned_alloc(alignof(qrn_tl_queue_t), sizeof(qrn_tl_queue_t));
+    if (block == nullptr)
+        return nullptr;
+    qrn_tl_queue_t *q = new (block) qrn_tl_queue_t{};
+    node *sentinel = init_locks(q) ? cut_node(q) : nullptr;
+    if (sentinel == nullptr) {
+        std::free(q);
+        return nullptr;
+    }
+    sentinel->next = nullptr;
+    q->head = q->tail = sentinel;
+    return q;
+}
+
+[[gnu::weak]] void qrn_tl_queue_delete(qrn_tl_queue_t *q)
+{
+    while (node *first = after(q->head)) {
+        retire(q, q->head);
+        q->head = first;
+    }
+    std::free(segment_of(q->head));
+    std::free(q->spare);
+    sem_destroy(&q->park);
+    sem_destroy(&q->sem_sz);
+    pthread_mutex_destroy(&q->tail_lock);
+    pthread_mutex_destroy(&q->head_lock);
+    std::free(q);
+}
+
+[[gnu::weak]] int qrn_tl_queue_enqueue(qrn_tl_queue_t *q, void *value)
+{
+    {
+        kfx::lock_guard tail(q->tail_lock);
+        node *n = cut_node(q);
+        if (n == nullptr)
+            return -1;
+        n->value = value;
+        n->next = nullptr;
+        kfx::store(q->tail->next, n, std::memory_order_release); // publishes, to after()
+        q->tail = n;
+    }
+    sem_post(&q->sem_sz);
+    wake_one(q, idle_after_post(q));
+    return 0;
+}
+
+[[gnu::weak]] int qrn_tl_queue_dequeue(qrn_tl_queue_t *q, void **value, int block)
+{
+    return qrn_tl_queue_dequeue_ex(q, value, block, nullptr);
+}
+
+[[gnu::weak]] int qrn_tl_queue_dequeue_ex(qrn_tl_queue_t *q, void **value, int block,
+                                          qrn_tl_queue_dequeue_cb_info_t *cbinfo)
+{
+    *value = nullptr;
+    return block != 0 ? take_waiting(q, value, cbinfo, nullptr) : take_now(q, value, cbinfo);
+}
+
+[[gnu::weak]] int qrn_tl_queue_dequeue_timed(qrn_tl_queue_t *q, void **value,
+                                             qrn_tl_queue_dequeue_cb_info_t *cbinfo,
+                                             const struct timespec *deadline)
+{
+    *value = nullptr;
+    return take_waiting(q, value, cbinfo, deadline);
+}
+
+[[gnu::weak]] int qrn_tl_queue_is_empty(qrn_tl_queue_t *q)
+{
+    kfx::lock_guard head(q->head_lock);
+    return after(q->head) == nullptr;
+}
+
+[[gnu::weak]] int qrn_tl_queue_remove_all(qrn_tl_queue_t *q, qrn_tl_queue_cmp_proc cmp,
+                                          qrn_tl_queue_rem_proc rem, void *clientd)
+{
+    pass(
+        q, [&](void *item) { return cmp(item, clientd) == 0; }, [&](void *item) { rem(item); });
+    return 0;
+}
+
+[[gnu::weak]] int qrn_tl_queue_filter_all(qrn_tl_queue_t *q, qrn_tl_queue_filter_proc filter,
+                                          void *clientd)
+{
+    auto goes = [&](void *item) {
+        int remove = 0;
+        filter(item, clientd, &remove);
+        return remove == 1;
+    };
+    pass(q, goes, [](void *) {});
+    return 0;
+}
+
+// --- The ordered list ----------------------------------------------------------------------------
+
+[[gnu::weak]] qrn_queue_t *qrn_queue_create(void)
+{
+    auto *list = static_cast<qrn_queue_t *>(std::calloc(1, sizeof(qrn_queue_t)));
+    if (list != nullptr) {
+        list->head.next = &list->tail;
+        list->tail.prev = &list->head;
+    }
+    return list;
+}
+
+[[gnu::weak]] int qrn_queue_enqueue(qrn_queue_t *list, const void *buff, qrn_ulong_t pri)
+{
+    auto *entry = static_cast<qrn_queue_node_t *>(std::malloc(sizeof(qrn_queue_node_t)));
+    if (entry == nullptr)
+        return -1;
+    qrn_queue_node_t *prev = list->tail.prev;
+    while (prev != &list->head && prev->pri > pri)
+        prev = prev->prev;
+    *entry = {pri, buff, prev->next, prev};
+    entry->next->prev = entry;
+    prev->next = entry;
+    ++list->sz;
+    return 0;
+}
+
+[[gnu::weak]] void *qrn_queue_dequeue(qrn_queue_t *list)
+{
+    qrn_queue_node_t *first = list->head.next;
+    if (first == &list->tail)
+        return nullptr;
+    const void *buff = first->buff;
+    list->head.next = first->next;
+    first->next->prev = &list->head;
+    --list->sz;
+    std::free(first);
+    return const_cast<void *>(buff);
+}
+
+[[gnu::weak]] void qrn_queue_delete(qrn_queue_t *list)
+{
+    while (list->sz != 0)
+        qrn_queue_dequeue(list);
+    std::free(list);
+}
