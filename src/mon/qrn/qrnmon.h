@@ -39,13 +39,13 @@ int qrn_automon_sctl_create(qrnmon_sctl_t **sctl, const qrnmon_format_func_t *fo
 void qrn_automon_sctl_destroy(void);
 
 /* Starts to sample a queue, now and then every `interval` seconds (1 or more), under the
- * application identifier (null: none; the text is copied). An acquired controller may watch many
- * queues, each once. Any thread. -1 on failure. */
+ * application identifier (null: none; the text is copied). A controller may watch many queues; a
+ * queue is watched once. Any thread. -1 on failure. */
 int qrnmon_evq_monitor(qrnmon_sctl_t *sctl, qrn_event_queue_t *evq, const char *appid,
                        unsigned interval);
-/* Stops: once it returns, the layer no longer touches the queue. Waits for a sample of this queue
- * that is being taken, which waits for nothing. Any thread but a sampler. -1 when the queue is not
- * watched. */
+/* Stops: once it returns, the layer no longer touches the queue, whichever controller watched it.
+ * Waits for a sample of this queue that is being taken, which waits for nothing. Any thread but a
+ * sampler. -1 when the queue is not watched. */
 int qrnmon_evq_unmonitor(qrnmon_sctl_t *sctl, qrn_event_queue_t *evq);
 
 /* The layer's last failure on the calling thread: a bad argument or option 1, a host that does not

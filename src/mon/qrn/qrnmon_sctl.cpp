@@ -404,10 +404,19 @@ controllers take_unused()
 
 /* --- Watches ---------------------------------------------------------------------------------- */
 
+struct watched {
+    qrnmon_sctl_t *by; /* null: nobody watches the queue */
+    std::list<watch>::iterator where;
+};
+
 /* The lock is held. */
-std::list<watch>::iterator find_watch(qrnmon_sctl_t &of, const qrn_event_queue_t *evq)
+watched find_watch(const qrn_event_queue_t *evq)
 {
-    return std::ranges::find(of.watches, evq, &watch::evq);
+    for (const auto &each : all())
+        for (auto it = each->watches.begin(); it != each->watches.end(); ++it)
+            if (it->evq == evq)
+                return {each.get(), it};
+    return {nullptr, {}};
 }
 
 int monitor(qrnmon_sctl_t *sctl, qrn_event_queue_t *evq, const char *appid, unsigned interval)
@@ -422,7 +431,7 @@ int monitor(qrnmon_sctl_t *sctl, qrn_event_queue_t *evq, const char *appid, unsi
         return fail(error_argument, "no queue");
     if (interval == 0)
         return fail(error_argument, "the interval must be at least a second");
-    if (find_watch(*by, evq) != by->watches.end())
+    if (find_watch(evq).by != nullptr)
         return fail(error_state, "the queue is watched already");
     std::string app = appid != nullptr ? appid : "";
     watch &added = by->watches.emplace_front();
@@ -437,20 +446,18 @@ int monitor(qrnmon_sctl_t *sctl, qrn_event_queue_t *evq, const char *appid, unsi
     return 0;
 }
 
-int unmonitor(const qrnmon_sctl_t *sctl, const qrn_event_queue_t *evq)
+/* Whichever controller the queue was handed to: a queue may have been told of another since. */
+int unmonitor(const qrn_event_queue_t *evq)
 {
     std::unique_lock held(lock);
-    qrnmon_sctl_t *by = find(sctl);
-    if (by == nullptr)
-        return -1;
-    auto found = find_watch(*by, evq);
-    while (found != by->watches.end() && found->busy) {
-        by->idle.wait(held);
-        found = find_watch(*by, evq);
+    watched found = find_watch(evq);
+    while (found.by != nullptr && found.where->busy) {
+        found.by->idle.wait(held);
+        found = find_watch(evq);
     }
-    if (found == by->watches.end())
+    if (found.by == nullptr)
         return fail(error_state, "the queue is not watched");
-    by->watches.erase(found);
+    found.by->watches.erase(found.where);
     return 0;
 }
 
@@ -492,7 +499,7 @@ try {
     return qrnmon::fail(qrnmon::error_system, "out of memory");
 }
 
-[[gnu::weak]] int qrnmon_evq_unmonitor(qrnmon_sctl_t *sctl, qrn_event_queue_t *evq)
+[[gnu::weak]] int qrnmon_evq_unmonitor(qrnmon_sctl_t *, qrn_event_queue_t *evq)
 {
-    return qrnmon::unmonitor(sctl, evq);
+    return qrnmon::unmonitor(evq);
 }
