@@ -248,8 +248,8 @@ int qrn_event_queue_create(qrn_event_queue_t **evqp, qrn_event_queue_monitor_pro
     }
     copy.release();
     q.release();
-    KFX_TRACE(KFX_DBG_LIFE, "#a#Cob#con qrn_event_queue_t %p\n",
-              static_cast<void *>(evq.release()));
+    evq.release();
+    KFX_TRACE(KFX_DBG_LIFE, "#a#Cob#con qrn_event_queue_t %p\n", static_cast<void *>(*evqp));
     return 0;
 }
 
