@@ -6,7 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-all=(headers library readme clang format tidy shell docs)
+all=(headers library readme clang format tidy shell docs package abi)
 strict=(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -Isrc/lib/qrn -Isrc/mon/qrn)
 
 # Each header compiles on its own and twice in a row: as C++20, and as C11 where it is C.
@@ -37,7 +37,8 @@ check_library() {
     "${compile[@]}" -L$out/src -Wl,-rpath,"$PWD/$out/src" -lqrn -lpthread -o $out/with_shared
     $out/with_static >/dev/null
     $out/with_shared >/dev/null
-    if nm -D --defined-only --format=just-symbols $out/src/libqrn.so | grep -v '^\(qrn\|kfx\)_'; then
+    if nm -D --defined-only --format=just-symbols $out/src/libqrn.so |
+        grep -v -e '^qrn_' -e '^QRN_[0-9]*$'; then
         echo "check: the shared library exports the symbols above" >&2
         return 1
     fi
@@ -82,6 +83,14 @@ check_shell() {
 
 check_docs() {
     ./scripts/docs.sh
+}
+
+check_package() {
+    ./scripts/package.sh
+}
+
+check_abi() {
+    ./scripts/abi.sh
 }
 
 mkdir -p build
