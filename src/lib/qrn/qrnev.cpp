@@ -25,6 +25,7 @@
 #include "qrncfg.h"
 #include "qrnerr.h"
 #include "qrnev_account.h"
+#include "qrnev_record.h"
 #include "qrnev_registry.h"
 #include "qrnmon.h"
 #include "qrnobj.h"
@@ -77,10 +78,8 @@ void discard(qrn_event_queue_t *evq, qrn_event_t *ev, int in_evq_delete)
 
 } // namespace
 
-int qrn_event_delete_ex(qrn_event_t *ev, int in_evq_delete)
+void qrnev::release_owned(qrn_event_t *ev, int in_evq_delete)
 {
-    KFX_ASSERT(ev != nullptr, "ev!=NULL");
-    std::unique_ptr<qrn_event_t, free_block> record(ev); // also when a delete procedure throws
     switch (ev->type) {
     case QRN_EVQ_IO_TYPE:
         if (in_evq_delete == 0)
@@ -105,6 +104,13 @@ int qrn_event_delete_ex(qrn_event_t *ev, int in_evq_delete)
     default:
         break;
     }
+}
+
+int qrn_event_delete_ex(qrn_event_t *ev, int in_evq_delete)
+{
+    KFX_ASSERT(ev != nullptr, "ev!=NULL");
+    std::unique_ptr<qrn_event_t, free_block> record(ev); // also when a delete procedure throws
+    release_owned(ev, in_evq_delete);
     return 0;
 }
 
@@ -274,8 +280,10 @@ void unregister(qrn_event_queue_t *evq)
         qrn_evq_node_t *node = *link;
         *link = node->next;
         std::free(node);
-        return;
+        break;
     }
+    if (evq_head == nullptr)
+        trim_records();
 }
 
 } // namespace

@@ -76,6 +76,9 @@ inline void count_out(queue *evq, const qrn_event_t *ev)
         for_each_count(ev, [evq](const group &g, long n) { kfx::sub(evq->*g.now, n); });
 }
 
+// Releases what the event itself owns; the first step of its disposal.
+void release_owned(qrn_event_t *ev, int in_evq_delete);
+
 // Releases, as undelivered, the message or bundle that an event carries.
 void release_undelivered(const qrn_event_t *ev);
 // Releases one message as undelivered.

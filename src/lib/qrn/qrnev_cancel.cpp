@@ -24,6 +24,7 @@
 #include "qrnev_account.h"
 #include "qrnev_purge.h"
 #include "qrnobj.h"
+#include "qrnprobe.h"
 
 using namespace qrnev;
 
@@ -96,6 +97,7 @@ void settle(qrn_evq_cancel_cb_t *cbinfo)
     KFX_CHECK(cbinfo->dispatch_thrd_cnt == 0, "cbinfo->dispatch_thrd_cnt==0");
     qrn_evq_cancel_cb_t call = *cbinfo;
     std::free(cbinfo);
+    probe::cancelled(call.clientd, 1);
     call.cbproc(1, call.clientd);
 }
 
@@ -126,6 +128,7 @@ void settle_free(node_t *node)
     if (left <= 0) {
         KFX_ASSERT(node->cancel_info->obj != nullptr, "node->cancel_info->obj!=NULL");
         KFX_CHECK(left == 0, "node->cancel_info->dispatch_thrd_cnt==0");
+        probe::cancelled(node->cancel_info->obj, 1);
         std::free(node->cancel_info->obj);
         std::free(node->cancel_info);
     }
@@ -321,6 +324,7 @@ int cancel(qrn_event_t key, qrn_event_queue_cancel_cb_info_t *cbinfo)
     if (qrn_evq_cancel_thrd_check(cbinfo->event_queue, &key, cbinfo) != 0)
         return 0;
     KFX_ASSERT(cbinfo->cbproc != nullptr, "cbinfo->cbproc!=NULL");
+    probe::cancelled(cbinfo->clientd, 0);
     cbinfo->cbproc(0, cbinfo->clientd);
     return 0;
 }

@@ -16,6 +16,7 @@
 #include "qrnev_account.h"
 #include "qrnev_track.h"
 #include "qrnobj.h"
+#include "qrnprobe.h"
 
 namespace qrnev {
 
@@ -131,6 +132,8 @@ int deliver_message(qrn_event_queue_t *evq, qrn_event_t *ev, group_id id, qrn_ms
     return call();
 }
 
+} // namespace
+
 int deliver_msg(qrn_event_queue_t *evq, qrn_event_t *ev)
 {
     const qrn_event_msg_t &m = ev->info.msg;
@@ -172,6 +175,8 @@ int deliver_imsg(qrn_event_queue_t *evq, qrn_event_t *ev)
 }
 
 // --- Bundles -------------------------------------------------------------------------------------
+
+namespace {
 
 // Releases, as undelivered, what the batch callback left in the bundle.
 class [[nodiscard]] bundle_guard {
@@ -224,6 +229,8 @@ private:
     service_clock clock_;
 };
 
+} // namespace
+
 int deliver_bundle(qrn_event_queue_t *evq, qrn_event_t *ev)
 {
     qrn_event_bundle_t *bundle = ev->info.msg_bundle;
@@ -241,6 +248,8 @@ int deliver_bundle(qrn_event_queue_t *evq, qrn_event_t *ev)
 }
 
 // --- Events without a message --------------------------------------------------------------------
+
+namespace {
 
 bool is_cancelled(const qrn_timer_t *timer, int id)
 {
@@ -266,6 +275,8 @@ public:
 private:
     const qrn_event_timer_t &timer_;
 };
+
+} // namespace
 
 int deliver_timer(qrn_event_queue_t *evq, qrn_event_t *ev)
 {
@@ -328,6 +339,7 @@ int deliver_cancel(qrn_event_queue_t *evq, qrn_event_t *ev)
     cancel.exec_on_delete = 0;
     service_guard service(evq, cancel_group);
     if (qrn_evq_check_obj(evq, ev) == 0) {
+        probe::cancelled(cancel.obj, 0);
         std::free(cancel.obj);
         cancel.obj = nullptr;
     }
@@ -354,28 +366,11 @@ int deliver_unblock(qrn_event_queue_t *evq, qrn_event_t *ev)
     return 0;
 }
 
-int deliver_unknown(qrn_event_queue_t *, qrn_event_t *ev)
+int deliver_unknown(const qrn_event_t *ev)
 {
     kfx_logf(KFX_LOG_WARNING, "Core-5688-390: event dispatch - unknown event type (%d)\n",
              ev->type);
     return 0;
-}
-
-using step = int (*)(qrn_event_queue_t *, qrn_event_t *);
-
-// By type code.
-constexpr step steps[last_type + 1] = {
-    deliver_unknown, deliver_msg,      deliver_timer,  deliver_io,       deliver_src,
-    deliver_request, deliver_unblock,  deliver_imsg,   deliver_wrcv_msg, deliver_cancel,
-    deliver_ctx_src, deliver_callback, deliver_bundle,
-};
-
-} // namespace
-
-int deliver(qrn_event_queue_t *evq, qrn_event_t *ev)
-{
-    bool known = ev->type >= 0 && ev->type <= last_type;
-    return (known ? steps[ev->type] : deliver_unknown)(evq, ev);
 }
 
 } // namespace qrnev

@@ -17,9 +17,10 @@
 // A deadline is looked at before each take, on the wall clock that steps of the system clock do not
 // move; the wait for an event is bounded by the same moment on the monotonic clock.
 
+#include <algorithm>
+#include <climits>
 #include <cstdlib>
-#include <exception>
-#include <memory>
+#include <utility>
 
 #include "kfx.h"
 #include "kfxlog.h"
@@ -27,7 +28,9 @@
 #include "qrnev_account.h"
 #include "qrnev_append.h"
 #include "qrnev_deliver.h"
+#include "qrnev_record.h"
 #include "qrnev_track.h"
+#include "qrnprobe.h"
 #include "qrntime.h"
 
 using namespace qrnev;
@@ -138,8 +141,10 @@ private:
 
 void age_and_warn(qrn_event_queue_t *evq, const qrn_event_t *ev)
 {
-    undelivered_guard guard(evq, ev);
     bool aged = kfx::load(evq->attr->q_age) != 0;
+    if (!aged && evq->monproc == nullptr && !was_sized(ev, false))
+        return;
+    undelivered_guard guard(evq, ev);
     kfx_hrtime_t taken;
     if (aged || evq->monproc != nullptr)
         kfx_hrtime_timestamp(&taken);
@@ -149,6 +154,38 @@ void age_and_warn(qrn_event_queue_t *evq, const qrn_event_t *ev)
     if (evq->monproc != nullptr)
         warn(evq, ev, taken, size);
     guard.dismiss();
+}
+
+int deliver(qrn_event_queue_t *evq, qrn_event_t *ev)
+{
+    switch (ev->type) {
+    case QRN_EVQ_MSG_TYPE:
+        return deliver_msg(evq, ev);
+    case QRN_EVQ_TIMER_TYPE:
+        return deliver_timer(evq, ev);
+    case QRN_EVQ_IO_TYPE:
+        return deliver_io(evq, ev);
+    case QRN_EVQ_SRC_TYPE:
+        return deliver_src(evq, ev);
+    case QRN_EVQ_REQUEST_TYPE:
+        return deliver_request(evq, ev);
+    case QRN_EVQ_UNBLOCK_TYPE:
+        return deliver_unblock(evq, ev);
+    case QRN_EVQ_IMSG_TYPE:
+        return deliver_imsg(evq, ev);
+    case QRN_EVQ_WRCV_MSG_TYPE:
+        return deliver_wrcv_msg(evq, ev);
+    case QRN_EVQ_CANCEL_TYPE:
+        return deliver_cancel(evq, ev);
+    case QRN_EVQ_CTX_SRC_TYPE:
+        return deliver_ctx_src(evq, ev);
+    case QRN_EVQ_CALLBACK_TYPE:
+        return deliver_callback(evq, ev);
+    case QRN_EVQ_MSG_BUNDLE_TYPE:
+        return deliver_bundle(evq, ev);
+    default:
+        return deliver_unknown(ev);
+    }
 }
 
 // --- The loop ------------------------------------------------------------------------------------
@@ -179,48 +216,52 @@ private:
     qrn_tl_queue_dequeue_cb_info_t hook_;
 };
 
-// Ends an event: its node in the registry first, then its record. When the delivery is already on its
-// way out with an exception, one from a cancellation callback is dropped.
+// Ends an event that was taken: its share in the registry first, then its record.
 class [[nodiscard]] settle_guard {
 public:
     settle_guard(qrn_event_queue_t *evq, qrn_evq_dispatch_thrd_node_t *node, qrn_event_t *ev)
-        : evq_(evq), node_(node), record_(ev), thrown_(std::uncaught_exceptions())
+        : evq_(evq), node_(node), ev_(ev)
     {
     }
-    ~settle_guard() noexcept(false)
+    // The way out with an exception: one from a cancellation callback does not replace it.
+    ~settle_guard()
     {
-        if (node_ == nullptr)
+        if (ev_ == nullptr)
             return;
-        if (std::uncaught_exceptions() == thrown_) {
-            qrn_evq_dispatch_thread_ev_done(evq_, node_);
-            return;
-        }
         try {
-            qrn_evq_dispatch_thread_ev_done(evq_, node_);
+            finish();
         } catch (...) { // NOLINT(bugprone-empty-catch)
         }
+        if (ev_ != nullptr)
+            qrn_event_delete(ev_);
     }
     settle_guard(const settle_guard &) = delete;
     settle_guard &operator=(const settle_guard &) = delete;
 
+    // The way on. In full flow the record is used again.
+    void settle(bool in_flow)
+    {
+        finish();
+        qrn_event_t *ev = std::exchange(ev_, nullptr);
+        if (!in_flow) {
+            qrn_event_delete(ev);
+            return;
+        }
+        release_owned(ev, 0);
+        put_record(ev);
+    }
+
 private:
-    struct dispose {
-        void operator()(qrn_event_t *ev) const { qrn_event_delete(ev); }
-    };
+    void finish()
+    {
+        if (qrn_evq_dispatch_thrd_node_t *node = std::exchange(node_, nullptr); node != nullptr)
+            qrn_evq_dispatch_thread_ev_done(evq_, node);
+    }
 
     qrn_event_queue_t *evq_;
     qrn_evq_dispatch_thrd_node_t *node_;
-    std::unique_ptr<qrn_event_t, dispose> record_;
-    int thrown_;
+    qrn_event_t *ev_;
 };
-
-// Delivers an event that was taken and ends it. -1 when its callback returned -1.
-int process(qrn_event_queue_t *evq, qrn_evq_dispatch_thrd_node_t *node, qrn_event_t *ev)
-{
-    settle_guard settle(evq, node, ev);
-    age_and_warn(evq, ev);
-    return deliver(evq, ev);
-}
 
 // When a dispatch call ends.
 class deadline {
@@ -307,17 +348,26 @@ private:
         if (value == nullptr)
             return;
         auto *ev = static_cast<qrn_event_t *>(value);
-        bool unblock = ev->type == QRN_EVQ_UNBLOCK_TYPE;
-        failed_ = process(evq_, thread_.node(), ev) == -1;
-        ended_ = failed_ || unblock;
+        settle_guard event(evq_, thread_.node(), ev);
+        probe::take(evq_, ev, ev->type);
+        age_and_warn(evq_, ev);
+        int result = deliver(evq_, ev);
+        probe::delivered(evq_, ev, ev->type, result);
+        failed_ = result == -1;
+        ended_ = failed_ || ev->type == QRN_EVQ_UNBLOCK_TYPE;
+        event.settle(events_ >= full_flow);
         ++events_;
     }
 
-    int result() const { return failed_ ? -1 : events_; }
+    // A call that has processed so many events is in full flow.
+    static constexpr long full_flow = 32;
+    static constexpr long most = INT_MAX;
+
+    int result() const { return failed_ ? -1 : static_cast<int>(std::min(events_, most)); }
 
     qrn_event_queue_t *evq_;
     registration thread_;
-    int events_ = 0;
+    long events_ = 0;     // more than an int in a call that goes on for long
     bool failed_ = false; // a callback returned -1
     bool ended_ = false;
 };

@@ -10,8 +10,10 @@
 #include "kfxlog.h"
 #include "qrnev_account.h"
 #include "qrnev_append.h"
+#include "qrnev_record.h"
 #include "qrnev_track.h"
 #include "qrnobj.h"
+#include "qrnprobe.h"
 
 using namespace qrnev;
 
@@ -19,7 +21,7 @@ namespace qrnev {
 
 qrn_event_t *make_event(qrn_event_queue_t *evq, int type, qrn_context_t *ctx)
 {
-    auto *ev = kfx::alloc<qrn_event_t>();
+    qrn_event_t *ev = get_record();
     ev->type = type;
     ev->evq = evq;
     ev->ctx = ctx;
@@ -60,6 +62,7 @@ int append(qrn_event_t *ev, long size)
             kfx::add(evq->*g.tot, n);
         });
     }
+    probe::enqueue(evq, ev, ev->type);
     int result = qrn_tl_queue_enqueue(evq->q, ev);
     if (result == -1)
         return undo(ev, size);

@@ -19,6 +19,7 @@
 #include "qrnev_account.h"
 #include "qrnev_registry.h"
 #include "qrnobj.h"
+#include "qrnprobe.h"
 
 using namespace qrnev;
 
@@ -181,6 +182,7 @@ int qrn_evq_purge_rem(const void *outbuff)
 {
     auto *ev = static_cast<qrn_event_t *>(const_cast<void *>(outbuff));
     qrn_event_queue_t *evq = ev->evq;
+    probe::purged(evq, ev, ev->type);
     if (ev->type == QRN_EVQ_MSG_TYPE || ev->type == QRN_EVQ_WRCV_MSG_TYPE)
         release_undelivered(ev);
     if (ev->type != QRN_EVQ_MSG_BUNDLE_TYPE)
@@ -224,6 +226,7 @@ constexpr receiver_kind wildcard = {QRN_EVQ_WRCV_MSG_TYPE, wrcv_group,
 void drop_message(const event &ev, const event &holder, const receiver_kind &kind)
 {
     qrn_event_queue_t *evq = ev.evq;
+    probe::purged(evq, &ev, kind.type);
     release_undelivered(&holder);
     if (was_counted(evq, &ev))
         kfx::sub(evq->*groups[kind.group].now, 1);

@@ -129,7 +129,7 @@ constexpr bool needs_wake(qrn_uint_t idle)
 #ifdef KFX_SCHED_POINTS
 constexpr int spins = 2;
 #else
-constexpr int spins = 60;
+constexpr int spins = 300;
 #endif
 
 void relax()
@@ -200,6 +200,7 @@ void leave_parked(qrn_tl_queue_t *q)
     leave_looking(q);
 }
 
+// Looks for a token for a while: long enough that a producer in full flow finds its dispatcher awake.
 bool look_for_token(qrn_tl_queue_t *q)
 {
     for (int i = 0; i < spins; ++i) {
@@ -223,25 +224,49 @@ bool sleep_parked(qrn_tl_queue_t *q, const struct timespec *deadline)
     }
 }
 
-// Waits for a token, until the deadline when there is one.
+// Parks with the count of `idle` that is given up for it; whether a waker chose this taker, which then
+// counts as looking. Otherwise it is idle no longer, and `*got` tells whether it has a token.
+bool park(qrn_tl_queue_t *q, qrn_uint_t instead_of, const struct timespec *deadline, bool *got)
+{
+    kfx::add(q->idle, one_parked - instead_of);
+    *got = try_token(q); // rule W1
+    if (!*got && sleep_parked(q, deadline))
+        return true;
+    leave_parked(q);
+    *got = *got || try_token(q);
+    return false;
+}
+
+// Waits for a token, until the deadline when there is one. One taker looks at a time: a second one could
+// only get in its way.
 bool wait_for_token(qrn_tl_queue_t *q, const struct timespec *deadline)
 {
-    kfx::add(q->idle, one_looking);
+    bool got = false;
+    if (!somebody_looks(kfx::load(q->idle)))
+        kfx::add(q->idle, one_looking);
+    else if (!park(q, 0, deadline, &got))
+        return got;
     for (;;) {
         if (look_for_token(q)) {
             leave_looking(q);
             return true;
         }
-        kfx::add(q->idle, one_parked - one_looking);
-        bool got = try_token(q); // rule W1
-        if (!got && sleep_parked(q, deadline))
-            continue;
-        leave_parked(q);
-        return got || try_token(q);
+        if (!park(q, one_looking, deadline, &got))
+            return got;
     }
 }
 
 // --- Taking --------------------------------------------------------------------------------------
+
+// Brings the item behind the one that is taken near, while that one is worked on.
+void prefetch(const node *next)
+{
+    if (next == nullptr)
+        return;
+    const auto *item = static_cast<const char *>(next->value);
+    __builtin_prefetch(item);
+    __builtin_prefetch(item + 64);
+}
 
 // Takes the first item; false when there is none.
 bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo)
@@ -251,6 +276,7 @@ bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t 
     if (first == nullptr)
         return false;
     *value = first->value;
+    prefetch(after(first));
     retire(q, q->head);
     q->head = first;
     if (cbinfo != nullptr)
@@ -322,8 +348,7 @@ void pass(qrn_tl_queue_t *q, Goes goes, Gone gone)
 
 bool init_locks(qrn_tl_queue_t *q)
 {
-    pthread_mutexattr_t
-        adaptive; // both locks are held for a few instructions: spin before sleeping
+    pthread_mutexattr_t adaptive; // both locks are held for a few instructions: spin before sleeping
     if (pthread_mutexattr_init(&adaptive) != 0)
         return false;
     pthread_mutexattr_settype(&adaptive, PTHREAD_MUTEX_ADAPTIVE_NP);
