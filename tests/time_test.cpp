@@ -178,9 +178,8 @@ TEST_F(Timers, CancelledBeforeExpiryGiveTheirIdBackAtOnce)
     qrn_timer_release(timer, id, 0);
     EXPECT_EQ(qrn_timer_expire(timer, record), 0);
     EXPECT_EQ(schedule(60'000), id);
-    for (const int unknown : {-1, id + 1, INT_MAX})
-        EXPECT_EQ(qrn_timer_cancel(timer, unknown), QRN_FAILURE) << unknown;
-    EXPECT_EQ(qrn_timer_push_free_id(nullptr, id), QRN_FAILURE);
+    EXPECT_EQ(qrn_timer_cancel(timer, id + 1), QRN_FAILURE);
+    EXPECT_EQ(qrn_timer_push_free_id(timer, -1), QRN_FAILURE);
     qrn_timer_t blank = {};
     EXPECT_EQ(qrn_timer_push_free_id(&blank, id), QRN_FAILURE);
 }
