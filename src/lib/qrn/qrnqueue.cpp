@@ -188,16 +188,20 @@ void leave_looking(qrn_tl_queue_t *q)
     pass_on(q, kfx::sub(q->idle, one_looking) - one_looking);
 }
 
+// Taken off the count of the parked by itself, or by a waker, whose post it then consumes. The post
+// that was meant for it may go to another one that parked since; then that one stands in the count.
 void leave_parked(qrn_tl_queue_t *q)
 {
-    qrn_uint_t idle = kfx::load(q->idle);
-    while (somebody_is_parked(idle)) {
-        if (kfx::compare_exchange(q->idle, idle, idle - one_parked, std::memory_order_seq_cst))
-            return pass_on(q, idle - one_parked);
+    for (;;) {
+        qrn_uint_t idle = kfx::load(q->idle);
+        while (somebody_is_parked(idle)) {
+            if (kfx::compare_exchange(q->idle, idle, idle - one_parked, std::memory_order_seq_cst))
+                return pass_on(q, idle - one_parked);
+        }
+        if (sem_trywait(&q->park) == 0)
+            return leave_looking(q);
+        relax(); // a waker is between the two
     }
-    while (sem_wait(&q->park) != 0) // the post of the waker that chose this taker
-        ;
-    leave_looking(q);
 }
 
 // Looks for a token for a while: long enough that a producer in full flow finds its dispatcher awake.
@@ -268,8 +272,11 @@ void prefetch(const node *next)
     __builtin_prefetch(item + 64);
 }
 
-// Takes the first item; false when there is none.
-bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo)
+// Takes the first item; false when there is none. Without a token of its own it takes one while it
+// holds the lock: later, one that finds nothing might have used up the stale token, and the one taken
+// would belong to an item.
+bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo,
+                bool has_token)
 {
     kfx::lock_guard head(q->head_lock);
     node *first = after(q->head);
@@ -279,6 +286,8 @@ bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t 
     prefetch(after(first));
     retire(q, q->head);
     q->head = first;
+    if (!has_token)
+        try_token(q);
     if (cbinfo != nullptr)
         cbinfo->cbproc(*value, cbinfo->clientd);
     return true;
@@ -286,8 +295,7 @@ bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t 
 
 int take_now(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo)
 {
-    if (take_first(q, value, cbinfo))
-        try_token(q);
+    take_first(q, value, cbinfo, false);
     return 0;
 }
 
@@ -296,7 +304,7 @@ int take_waiting(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t
 {
     if (!try_token(q) && !wait_for_token(q, deadline))
         return -1;
-    return take_first(q, value, cbinfo) ? 0 : -1;
+    return take_first(q, value, cbinfo, true) ? 0 : -1;
 }
 
 // --- Passes --------------------------------------------------------------------------------------
