@@ -78,18 +78,24 @@ std::string_view cut(std::string_view text)
     return text.substr(0, end);
 }
 
+bool is_blank(char c)
+{
+    auto byte = static_cast<unsigned char>(c);
+    return byte <= ' ' || byte == 0x7F;
+}
+
 void line::field(std::string_view text)
 {
     separate();
     text = cut(text);
     bool quoted = text.find_first_of(",\"") != text.npos ||
-                  (!text.empty() && (text.front() <= ' ' || text.back() <= ' '));
+                  (!text.empty() && (is_blank(text.front()) || is_blank(text.back())));
     if (quoted)
         raw('"');
     for (char c : text) {
         if (c == '"')
             raw('"');
-        raw(static_cast<unsigned char>(c) < ' ' || c == 0x7F ? ' ' : c);
+        raw(is_blank(c) ? ' ' : c);
     }
     if (quoted)
         raw('"');

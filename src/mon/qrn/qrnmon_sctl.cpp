@@ -269,7 +269,6 @@ void run_sampler(qrnmon_sctl_t &from)
 int start_sampler(qrnmon_sctl_t &of)
 {
     auto body = [](void *sctl) -> void * {
-        pthread_setname_np(pthread_self(), "qrnmon");
         run_sampler(*static_cast<qrnmon_sctl_t *>(sctl));
         return nullptr;
     };
@@ -279,7 +278,10 @@ int start_sampler(qrnmon_sctl_t &of)
     pthread_sigmask(SIG_SETMASK, &every, &before);
     int failed = pthread_create(&of.sampler, nullptr, body, &of);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return failed == 0 ? 0 : fail(error_system, "no thread for the sampler (error %d)", failed);
+    if (failed != 0)
+        return fail(error_system, "no thread for the sampler (error %d)", failed);
+    pthread_setname_np(of.sampler, "qrnmon");
+    return 0;
 }
 
 /* --- Life of a controller --------------------------------------------------------------------- */
