@@ -326,6 +326,22 @@ QRN_API int qrn_event_dispatch_unblock(qrn_event_queue_t *evq);
 QRN_API int qrn_evq_enq_callback(qrn_event_queue_t *evq, qrn_evq_cb_proc proc,
                                  qrn_evq_cb_proc delproc, void *clientd);
 
+/**
+ * @brief A descriptor for a foreign event loop: readable while events are queued that nobody has
+ * taken.
+ *
+ * Watch it for reading, level-triggered, and dispatch with QRN_EVQ_DISPATCH_POLL when it is readable;
+ * do not read from it. The queue makes it at the first call and closes it when it is deleted. It is
+ * written when the queue turns from empty to non-empty and cleared when it is empty again; a queue
+ * that was never asked pays nothing.
+ *
+ * Threads: any. Blocking: no, neither here nor in an enqueuing thread. Ownership: the queue's.
+ * Errors: a null or a shut-down queue, no descriptor to be had.
+ *
+ * @return the descriptor, or -1
+ */
+QRN_API int qrn_event_queue_fd(qrn_event_queue_t *evq);
+
 /** @} */
 
 /** @name Observe

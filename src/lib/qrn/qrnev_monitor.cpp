@@ -1,11 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The enqueue side of the monitor callback, the size of a queue, and the controller that watches it.
+// The enqueue side of the monitor callback, the size of a queue, its descriptor, and the controller that
+// watches it.
+
+#include <cerrno>
+#include <cstring>
 
 #include "kfx.h"
 #include "kfxlog.h"
 #include "qrnerr.h"
 #include "qrnev_account.h"
+#include "qrnev_track.h"
 
 using namespace qrnev;
 
@@ -44,6 +49,24 @@ int qrn_event_queue_size(qrn_event_queue_t *evq)
         return -1;
     }
     return static_cast<int>(kfx::load(evq->qsz));
+}
+
+int qrn_event_queue_fd(qrn_event_queue_t *evq)
+{
+    KFX_TRACE(KFX_DBG_API, "[qrn_event_queue_fd] evq[%p]\n", static_cast<void *>(evq));
+    if (evq == nullptr) {
+        qrn_seterr(QRN_ERR_INVALID, "CoreApi-5688-403: evq must be valid");
+        return -1;
+    }
+    if (is_shut_down(evq)) {
+        qrn_seterr(QRN_ERR_INVALID, "CoreApi-5688-404: evq is shut down");
+        return -1;
+    }
+    int fd = qrn_tl_queue_fd(evq->q);
+    if (fd == -1)
+        qrn_seterrf(QRN_ERR_INVALID, "CoreApi-5688-405: no event descriptor [%d] [%s]", errno,
+                    strerrordesc_np(errno));
+    return fd;
 }
 
 int qrn_event_queue_monitor(qrnmon_sctl_t *sctl, qrn_event_queue_t *evq)

@@ -30,8 +30,17 @@
 // more for a token; an append posts its token, then reads `idle`; one of the two sees the other.
 // W2: whoever leaves the looking or parked state, by whatever way, wakes one of the parked when
 // tokens remain and nobody looks, because an append may have left a token to the one who leaves.
+//
+// DESCRIPTOR. Once asked for, an event descriptor shows whether anything is queued. Under `fd_lock`,
+// `fd_readable` says what it shows. An appender makes it readable after its item is linked; whoever
+// empties the queue looks again under that lock, then makes it unreadable: the one of the two that
+// comes second sees what the first did. An appender learns under `tail_lock` whether it is in use;
+// the first use writes it under both end locks, and shows what is queued by then.
 
 #include "qrnqueue.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -260,6 +269,34 @@ bool wait_for_token(qrn_tl_queue_t *q, const struct timespec *deadline)
     }
 }
 
+// --- The descriptor ------------------------------------------------------------------------------
+
+// Under head_lock, or with an item that this thread has just linked.
+void show_queued(qrn_tl_queue_t *q, int fd)
+{
+    kfx::lock_guard lock(q->fd_lock);
+    if (q->fd_readable == 0)
+        q->fd_readable = eventfd_write(fd, 1) == 0 ? 1 : 0;
+}
+
+// Shows that the queue is empty, if it is. Under head_lock.
+void show_empty(qrn_tl_queue_t *q)
+{
+    kfx::lock_guard lock(q->fd_lock);
+    if (q->fd_readable == 0 || after(q->head) != nullptr)
+        return;
+    eventfd_t count = 0;
+    eventfd_read(q->fd, &count);
+    q->fd_readable = 0;
+}
+
+// After items were taken. Under head_lock.
+void update_fd(qrn_tl_queue_t *q)
+{
+    if (after(q->head) == nullptr && q->fd != -1)
+        show_empty(q);
+}
+
 // --- Taking --------------------------------------------------------------------------------------
 
 // Brings the item behind the one that is taken near, while that one is worked on.
@@ -288,6 +325,7 @@ bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t 
     q->head = first;
     if (!has_token)
         try_token(q);
+    update_fd(q);
     if (cbinfo != nullptr)
         cbinfo->cbproc(*value, cbinfo->clientd);
     return true;
@@ -352,18 +390,21 @@ void pass(qrn_tl_queue_t *q, Goes goes, Gone gone)
             prev = n;
         }
     }
+    update_fd(q);
 }
 
 bool init_locks(qrn_tl_queue_t *q)
 {
-    pthread_mutexattr_t adaptive; // both locks are held for a few instructions: spin before sleeping
+    pthread_mutexattr_t
+        adaptive; // both locks are held for a few instructions: spin before sleeping
     if (pthread_mutexattr_init(&adaptive) != 0)
         return false;
     pthread_mutexattr_settype(&adaptive, PTHREAD_MUTEX_ADAPTIVE_NP);
     bool ok = pthread_mutex_init(&q->head_lock, &adaptive) == 0 &&
               pthread_mutex_init(&q->tail_lock, &adaptive) == 0;
     pthread_mutexattr_destroy(&adaptive);
-    return ok && sem_init(&q->sem_sz, 0, 0) == 0 && sem_init(&q->park, 0, 0) == 0;
+    return ok && pthread_mutex_init(&q->fd_lock, nullptr) == 0 && sem_init(&q->sem_sz, 0, 0) == 0 &&
+           sem_init(&q->park, 0, 0) == 0;
 }
 
 } // namespace
@@ -383,6 +424,7 @@ bool init_locks(qrn_tl_queue_t *q)
     }
     sentinel->next = nullptr;
     q->head = q->tail = sentinel;
+    q->fd = -1;
     return q;
 }
 
@@ -394,6 +436,9 @@ bool init_locks(qrn_tl_queue_t *q)
     }
     std::free(segment_of(q->head));
     std::free(q->spare);
+    if (q->fd != -1)
+        close(q->fd);
+    pthread_mutex_destroy(&q->fd_lock);
     sem_destroy(&q->park);
     sem_destroy(&q->sem_sz);
     pthread_mutex_destroy(&q->tail_lock);
@@ -403,6 +448,7 @@ bool init_locks(qrn_tl_queue_t *q)
 
 [[gnu::weak]] int qrn_tl_queue_enqueue(qrn_tl_queue_t *q, void *value)
 {
+    int fd = -1;
     {
         kfx::lock_guard tail(q->tail_lock);
         node *n = cut_node(q);
@@ -412,7 +458,10 @@ bool init_locks(qrn_tl_queue_t *q)
         n->next = nullptr;
         kfx::store(q->tail->next, n, std::memory_order_release); // publishes, to after()
         q->tail = n;
+        fd = q->fd;
     }
+    if (fd != -1) [[unlikely]]
+        show_queued(q, fd);
     sem_post(&q->sem_sz);
     wake_one(q, idle_after_post(q));
     return 0;
@@ -442,6 +491,23 @@ bool init_locks(qrn_tl_queue_t *q)
 {
     kfx::lock_guard head(q->head_lock);
     return after(q->head) == nullptr;
+}
+
+[[gnu::weak]] int qrn_tl_queue_fd(qrn_tl_queue_t *q)
+{
+    kfx::lock_guard head(q->head_lock);
+    if (q->fd != -1)
+        return q->fd;
+    int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (fd == -1)
+        return -1;
+    {
+        kfx::lock_guard tail(q->tail_lock);
+        q->fd = fd;
+    }
+    if (after(q->head) != nullptr)
+        show_queued(q, fd);
+    return fd;
 }
 
 [[gnu::weak]] int qrn_tl_queue_remove_all(qrn_tl_queue_t *q, qrn_tl_queue_cmp_proc cmp,

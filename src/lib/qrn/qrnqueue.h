@@ -50,8 +50,11 @@ typedef struct qrn_tl_queue_t_stct {
     qrn_tl_queue_node_t *fresh;     /* next node of the tail's segment; under `tail_lock` */
     qrn_tl_queue_node_t *fresh_end; /* where that segment ends; under `tail_lock` */
     alignas(64) qrn_uint_t idle; /* takers that look and that are parked: WAITING in qrnqueue.cpp */
-    sem_t park;                  /* what parked takers sleep on */
-    alignas(64) void *spare;     /* an emptied segment on its way back to the appenders, or null */
+    int fd;                  /* written under both end locks, read under either; -1: not in use */
+    int fd_readable;         /* under `fd_lock` */
+    sem_t park;              /* what parked takers sleep on */
+    kfx_mutex_t fd_lock;     /* innermost; taken only while the descriptor is in use */
+    alignas(64) void *spare; /* an emptied segment on its way back to the appenders, or null */
 } qrn_tl_queue_t;
 
 /* A new, empty queue; null when memory or a system object ran out. */
@@ -80,6 +83,10 @@ int qrn_tl_queue_dequeue_ex(qrn_tl_queue_t *q, void **value, int block,
 int qrn_tl_queue_dequeue_timed(qrn_tl_queue_t *q, void **value,
                                qrn_tl_queue_dequeue_cb_info_t *cbinfo,
                                const struct timespec *deadline);
+
+/* A descriptor that is readable while an item is queued, for foreign event loops; made by the first
+ * call, closed with the queue. -1 with errno when there is none to be had. */
+int qrn_tl_queue_fd(qrn_tl_queue_t *q);
 
 /* Whether nothing is queued at this moment. Takes `head_lock`. */
 int qrn_tl_queue_is_empty(qrn_tl_queue_t *q);
