@@ -1,0 +1,154 @@
+// SPDX-License-Identifier: Apache-2.0
+// The C++ interface: what is posted runs or is destroyed, once; errors and exceptions come out.
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <latch>
+#include <utility>
+
+#include "qrn.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// Counts its live copies.
+struct counted {
+    static inline std::atomic<int> live;
+    std::array<char, 64> bulk{};
+    std::atomic<int> *runs;
+
+    explicit counted(std::atomic<int> *r) : runs(r) { ++live; }
+    counted(const counted &other) : runs(other.runs) { ++live; }
+    counted(counted &&other) noexcept : runs(other.runs) { ++live; }
+    ~counted() { --live; }
+    void operator()() const { ++*runs; }
+};
+
+TEST(Cpp, RunsOrDestroysEveryCallableOnce)
+{
+    std::atomic<int> runs = 0;
+    {
+        qrn::event_queue queue;
+        for (int i = 0; i < 5; ++i)
+            queue.post(counted(&runs));
+        EXPECT_EQ(counted::live, 5);
+        EXPECT_EQ(queue.poll(), 1);
+        EXPECT_EQ(counted::live, 4);
+        qrn::event_queue moved = std::move(queue);
+        EXPECT_EQ(moved.poll(), 1);
+        moved.shutdown();
+        EXPECT_EQ(counted::live, 0);
+        moved.post(counted(&runs)); // discarded with the queue
+    }
+    EXPECT_EQ(runs, 2);
+    EXPECT_EQ(counted::live, 0);
+}
+
+// Counts its allocations.
+template <class Payload>
+struct weighed {
+    static inline int allocations;
+    Payload payload;
+
+    static void *operator new(std::size_t size)
+    {
+        ++allocations;
+        return ::operator new(size);
+    }
+    static void operator delete(void *block) { ::operator delete(block); }
+    void operator()() const {}
+};
+
+TEST(Cpp, CostsAtMostOneAllocationACallable)
+{
+    qrn::event_queue queue;
+    queue.post(weighed<void *>{});
+    queue.post(weighed<std::array<long, 4>>{});
+    EXPECT_EQ(std::exchange(weighed<void *>::allocations, 0), 0);
+    EXPECT_EQ((std::exchange(weighed<std::array<long, 4>>::allocations, 0)), 1);
+    EXPECT_EQ(queue.poll() + queue.poll(), 2);
+}
+
+TEST(Cpp, AnExceptionComesOutOfDispatchAndTheQueueGoesOn)
+{
+    qrn::event_queue queue;
+    int after = 0;
+    queue.post([] { throw std::runtime_error("from a callable"); });
+    queue.post([&after] { ++after; });
+    EXPECT_THROW(queue.dispatch(1h), std::runtime_error);
+    EXPECT_EQ(queue.poll(), 1);
+    EXPECT_EQ(after, 1);
+    EXPECT_EQ(queue.dispatch(1ms), 0);
+}
+
+TEST(Cpp, ErrorsCarryTheLibrarysText)
+{
+    qrn::attributes attr;
+    attr.queue_size_warning(7).queue_count_enabled(true).event_queue_name("orders");
+    EXPECT_EQ(attr.text("queue_size_warning"), "7");
+    try {
+        attr.event_queue_name("not a name");
+        FAIL();
+    } catch (const std::system_error &error) {
+        EXPECT_EQ(error.code(), std::error_code(1, qrn::error_category()));
+        EXPECT_NE(std::string(error.what()).find("CoreApi-5688-374"), std::string::npos);
+    }
+    qrn::event_queue queue(attr);
+    EXPECT_EQ(queue.text("event_queue_name"), "orders");
+    EXPECT_THROW(queue.set_text("event_queue_name", "other"), std::system_error);
+    queue.shutdown();
+    EXPECT_THROW(queue.descriptor(), std::system_error);
+}
+
+TEST(Cpp, StatisticsComeInDurations)
+{
+    qrn::event_queue queue(qrn::attributes().queue_count_enabled(true).queue_age_enabled(true));
+    queue.post([] {});
+    queue.post([] {});
+    EXPECT_FALSE(queue.statistics().age.min.has_value());
+    queue.poll();
+    qrn::statistics stats = queue.statistics();
+    EXPECT_EQ(stats.callback_events.now, 1U);
+    EXPECT_EQ(stats.events_total, 2U);
+    ASSERT_TRUE(stats.age.min.has_value());
+    EXPECT_LE(*stats.age.min, stats.age.max);
+    EXPECT_FALSE(stats.callback_events.service.min.has_value());
+    queue.reset_statistics();
+    EXPECT_EQ(queue.statistics().events_total, 0U);
+}
+
+TEST(Cpp, APoolRunsEverythingOnceAndStops)
+{
+    for (unsigned threads : {1U, 2U, 5U}) {
+        qrn::event_queue queue;
+        std::array<std::atomic<int>, 2000> seen{};
+        std::latch all(static_cast<std::ptrdiff_t>(seen.size()));
+        qrn::dispatcher_pool pool(queue, threads);
+        for (auto &slot : seen)
+            queue.post([&slot, &all] {
+                ++slot;
+                all.count_down();
+            });
+        all.wait();
+        pool.stop();
+        pool.join();
+        for (auto &slot : seen)
+            ASSERT_EQ(slot, 1);
+        EXPECT_EQ(queue.poll(), 0) << "an unblock event was left behind";
+    }
+}
+
+TEST(Cpp, APoolEndsWithTheFirstExceptionAndRefusesNoThreads)
+{
+    qrn::event_queue queue;
+    EXPECT_THROW(qrn::dispatcher_pool(queue, 0), std::invalid_argument);
+    qrn::dispatcher_pool pool(queue, 3);
+    queue.post([] { throw std::logic_error("in a pool"); });
+    EXPECT_THROW(pool.join(), std::logic_error);
+    EXPECT_TRUE(pool.stop_token().stop_requested());
+}
+
+} // namespace
