@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Makes sample input: lines "topic TAB payload", on standard output or as one UDP datagram each.
+// Makes sample input: lines "topic TAB payload", on standard output or as one UDP datagram each, with
+// an empty datagram at the end.
 //
 // The same seed gives the same lines on every machine. Most topics fall in the families "orders."
 // and "quotes."; one line in 16 has a topic of the family "debug.", and one in 512 is malformed: the
@@ -80,6 +81,7 @@ bool send_lines(const settings &wanted, std::mt19937 &random)
         std::this_thread::sleep_until(start +
                                       microseconds(std::uint64_t{i} * 1000000 / wanted.rate));
     }
+    sent = sent && send(socket, "", 0, 0) == 0;
     close(socket);
     return sent;
 }
