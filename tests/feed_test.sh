@@ -1,0 +1,209 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# What qrnfeed does from the outside. Each test below is run on its own.
+#
+# usage: tests/feed_test.sh TEST QRNFEED QRNGEN
+#
+# Fields in single quotes are awk's:
+# shellcheck disable=SC2016
+set -euo pipefail
+
+feed=$2 gen=$3
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+fail() {
+    echo "FAILED: $*" >&2
+    cat out err >&2
+    exit 1
+}
+
+# Runs qrnfeed and keeps what it prints.
+run() {
+    local status=0
+    "$feed" "$@" >out 2>err || status=$?
+    [ $status -eq 0 ] || fail "status $status of: $*"
+}
+
+# The number before or after a word of the output: number 'purged [0-9]+'
+number() {
+    grep -oE -m 1 "$1" out | grep -oE '[0-9]+' | head -n 1
+}
+
+expect() {
+    [ "$2" = "$3" ] || fail "$1: expected $2, not $3"
+}
+
+# The sum holds, and it says that so many lines were read.
+expect_sum() {
+    local terms sum
+    terms=$(sed -nE 's/^sum: delivered ([0-9]+) \+ purged ([0-9]+) \+ unmatched ([0-9]+) \+ malformed ([0-9]+) = ([0-9]+) sent \(([0-9]+) lines, ([0-9]+) further copies\)$/\1 \2 \3 \4 \5 \6 \7/p' out)
+    read -r -a sum <<<"$terms"
+    [ ${#sum[@]} -eq 7 ] || fail "no sum that holds"
+    expect "the sum" "${sum[4]}" $((sum[0] + sum[1] + sum[2] + sum[3]))
+    expect "what was sent" "${sum[4]}" $((sum[5] + sum[6]))
+    expect "lines" "$1" "${sum[5]}"
+    grep -qE '^feed +all, and their age +0 ' out || fail "something is still queued"
+}
+
+# Waits until the file `err` has a line that matches.
+wait_for() {
+    until grep -qE "$1" err 2>/dev/null; do
+        kill -0 "$2" 2>/dev/null || fail "qrnfeed ended early"
+        sleep 0.02
+    done
+}
+
+sample() {
+    "$gen" --lines 20000 --seed 7 >sample
+}
+
+count() {
+    awk -F '\t' "$1"' { n++ } END { print n + 0 }' sample
+}
+
+test_refusals_are_one_line_and_status_2() {
+    local arguments message
+    exec 3< <(exec "$feed" --udp 127.0.0.1:0 --for 60 2>&1 >/dev/null)
+    local holder=$!
+    read -r _ _ _ taken <&3
+    while IFS='|' read -r arguments message; do
+        local status=0
+        # The arguments are words.
+        # shellcheck disable=SC2086
+        "$feed" $arguments >out 2>err </dev/null || status=$?
+        expect "status of $arguments" 2 $status
+        expect "output of $arguments" "" "$(cat out)"
+        expect "message of $arguments" "qrnfeed: $message" "$(cat err)"
+    done <<END
+missing.tsv|cannot open 'missing.tsv': No such file or directory
+.|cannot read '.': Is a directory
+--unknown|unknown flag '--unknown' (see --help)
+--batch=1|unknown flag '--batch=1' (see --help)
+--udp|--udp: ADDRESS:PORT is missing
+--udp 127.0.0.1|--udp '127.0.0.1': expected ADDRESS:PORT
+--udp 127.0.0.1:65536|--udp '127.0.0.1:65536': expected a port from 0 to 65535
+--udp 127.0.0.1:1x|--udp '127.0.0.1:1x': expected a port from 0 to 65535
+--udp $taken|--udp '$taken': Address already in use
+--udp 127.0.0.1:0 lines|--udp and the file 'lines': only one can be read
+one two|'two': a file is given already
+--dispatchers 0|--dispatchers '0': expected a number from 1 to 256
+--work 5us|--work '5us': expected a number from 0 to 10000000
+--for -1|--for '-1': expected a number from 1 to 1000000
+--receive=|--receive '': it is empty
+--receive a --receive a|--receive 'a': it is given twice
+--delete a@5|--delete 'a': no --receive has this topic
+--receive a --delete a|--delete 'a': expected TOPIC@COUNT
+--receive a --delete a@0|--delete 'a@0': expected a number from 1 to 4294967295
+--option queue_age_enabled|--option 'queue_age_enabled': expected NAME=VALUE
+--option nothing=1|--option 'nothing=1': CoreApi-5688-301: option nothing unknown
+--option queue_age_enabled=2|--option 'queue_age_enabled=2': CoreApi-5688-351: optval must be 0 or 1
+--option monitor_interval=1 --option monitor_transport_opts=port=0|no queue: automatic monitoring failed: transport options: port must be a number from 1 to 65535: '0'
+END
+    kill -INT $holder
+    cat <&3 >/dev/null
+}
+
+test_file_replay_gives_each_line_to_its_receivers() {
+    sample
+    local threads
+    for threads in 1 2 4; do
+        run --dispatchers $threads --receive orders.new --match 'quotes.*' --match '*.alpha' sample
+        expect_sum 20000
+        expect orders.new "$(count '$1 == "orders.new"')" "$(number 'orders.new +[0-9]+')"
+        expect quotes "$(count '$1 ~ /^quotes\./ && NF == 2')" "$(number 'quotes.\* +[0-9]+')"
+        expect alpha "$(count '$1 == "quotes.alpha"')" "$(number '\*.alpha +[0-9]+')"
+        expect malformed "$(count 'NF != 2 || $1 == ""')" "$(number '[0-9]+ malformed')"
+        expect "first malformed" "$(awk -F '\t' 'NF != 2 || $1 == "" { print NR; exit }' sample)" \
+            "$(number 'first is line [0-9]+')"
+    done
+}
+
+test_every_receiver_gets_its_copy_in_bundles() {
+    sample
+    run --batch --dispatchers 2 --receive orders.new --match 'orders.*' <sample
+    expect_sum 20000
+    expect orders.new "$(count '$1 == "orders.new"')" "$(number 'orders.new +[0-9]+')"
+    expect orders "$(count '$1 ~ /^orders\./ && NF == 2')" "$(number 'orders.\* +[0-9]+')"
+    [ $(($(number 'bundles: [0-9]+') * 32)) -ge "$(number 'delivered [0-9]+')" ] ||
+        fail "bundles hold too much"
+}
+
+# The first callback is still busy when the last message is handed in.
+test_deletion_in_mid_stream_accounts_for_each_message() {
+    for ((i = 0; i < 40; i++)); do printf 'doomed\t%d\nother\t%d\n' $i $i; done >lines
+    local how deleted
+    for how in '' --batch; do
+        # An empty word is no argument.
+        # shellcheck disable=SC2086
+        run $how --dispatchers 2 --receive doomed --receive other --work 20000 --delete doomed@20 lines
+        expect_sum 80
+        expect unmatched 20 "$(number '[0-9]+ unmatched')"
+        expect other 40 "$(number 'other +[0-9]+')"
+        deleted=$(grep '^deleted ' out)
+        [[ $deleted =~ after\ 20\ messages:\ ([0-9]+)\ delivered,\ ([0-9]+)\ purged,\ ([0-9]+)\ taken ]]
+        expect "what was handed" 20 $((BASH_REMATCH[1] + BASH_REMATCH[2] + BASH_REMATCH[3]))
+        [ "${BASH_REMATCH[2]}" -gt 0 ] || fail "nothing was purged"
+        [[ $deleted =~ cancellation\ callback\ after\ [0-9]+\ us\ on\ (a|the)\ (dispatch|delet)ing\ thread$ ]] ||
+            fail "no cancellation callback"
+    done
+    run --receive doomed --delete doomed@5 --option queue_cancellation_callbacks_enabled=0 lines
+    grep -q '^deleted .*; no cancellation callback$' out || fail "an unwanted cancellation callback"
+    run --receive doomed --delete doomed@41 lines
+    grep -q "^not deleted: 'doomed' was handed 40 of 41 messages$" out || fail "an early deletion"
+}
+
+test_datagrams_hold_one_or_several_lines() {
+    "$feed" --udp 127.0.0.1:0 --receive a --match '*.*' --for 60 >out 2>err &
+    local pid=$! port
+    wait_for 'listening on 127.0.0.1:[0-9]+' $pid
+    port=$(sed -nE 's/.*listening on .*:([0-9]+)$/\1/p' err)
+    printf 'a\t1\na\t2\nbad\na\t3' >"/dev/udp/127.0.0.1/$port"
+    "$gen" --lines 500 --udp "$port"
+    wait $pid || fail "status $?"
+    expect_sum $((504 - $(number '[0-9]+ datagrams dropped')))
+    expect a 3 "$(number 'a +[0-9]+ delivered')"
+}
+
+test_a_stream_ends_by_signal_or_time() {
+    mkfifo pipe
+    local how pid
+    for how in INT TERM time; do
+        rm -f err
+        "$feed" --receive a --for "$([ $how = time ] && echo 2 || echo 200)" <pipe >out 2>err &
+        pid=$!
+        exec 4>pipe
+        printf 'a\tfirst\na\tunfinished' >&4
+        wait_for '^ *[0-9]+ s: +[0-9]+ deliveries/s,' $pid
+        [ $how = time ] || kill -$how $pid
+        wait $pid || fail "status $? after $how"
+        exec 4>&-
+        expect_sum 1
+    done
+}
+
+test_broken_lines_are_counted_as_malformed() {
+    {
+        printf 'a\tgood\n\n\tno topic\nno tab\na\t\nzero\0byte\tx\na\t%065534d\na\t%065535d\na\tlast' 0 0
+    } >lines
+    run --match '*' lines
+    expect_sum 9
+    expect delivered 4 "$(number 'delivered [0-9]+')"
+    expect "first malformed" 2 "$(number 'first is line [0-9]+')"
+}
+
+test_options_are_set_and_shown() {
+    run --option queue_delay_warning=77 --option monitor_transport=qrnsnmp --options
+    expect rows 15 "$(wc -l <out)"
+    expect live 7 "$(grep -c ' yes$' out)"
+    grep -qE '^queue_delay_warning +77 +0 +yes$' out || fail "no delay warning"
+    grep -qE '^monitor_transport +qrnsnmp +qrn +no$' out || fail "no transport"
+    sample
+    run --option queue_enqueue_notification=1 --match 'orders.*' sample
+    # One for each message, and one for the unblock event of the dispatching thread.
+    expect notified $(($(number 'delivered [0-9]+') + 1)) \
+        "$(number '[0-9]+ enqueue notifications')"
+}
+
+"$1"
