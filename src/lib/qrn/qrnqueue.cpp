@@ -299,12 +299,12 @@ void update_fd(qrn_tl_queue_t *q)
 
 // --- Taking --------------------------------------------------------------------------------------
 
-// Brings the item behind the one that is taken near, while that one is worked on.
-void prefetch(const node *next)
+// Brings the item of a node near, while another one is worked on.
+void prefetch(const node *n)
 {
-    if (next == nullptr)
+    if (n == nullptr)
         return;
-    const auto *item = static_cast<const char *>(next->value);
+    const auto *item = static_cast<const char *>(n->value);
     __builtin_prefetch(item);
     __builtin_prefetch(item + 64);
 }
@@ -317,8 +317,10 @@ bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t 
 {
     kfx::lock_guard head(q->head_lock);
     node *first = after(q->head);
-    if (first == nullptr)
+    if (first == nullptr) {
+        update_fd(q); // a pass that an exception cut short may have left it readable
         return false;
+    }
     *value = first->value;
     prefetch(after(first));
     retire(q, q->head);
@@ -371,6 +373,30 @@ node *last_node(qrn_tl_queue_t *q)
     return q->tail;
 }
 
+// Runs a few nodes ahead of a pass, so that it does not wait for the memory of every item.
+class lookahead {
+public:
+    lookahead(const node *from, const node *last) : ahead_(from), last_(last)
+    {
+        for (int i = 0; i < distance; ++i)
+            step();
+    }
+
+    void step()
+    {
+        if (ahead_ == last_)
+            return;
+        ahead_ = after(ahead_);
+        __builtin_prefetch(ahead_->value);
+    }
+
+private:
+    static constexpr int distance = 8;
+
+    const node *ahead_;
+    const node *last_;
+};
+
 // Unlinks the items for which `goes(item)` holds and calls `gone(item)` for each after it.
 template <class Goes, class Gone>
 void pass(qrn_tl_queue_t *q, Goes goes, Gone gone)
@@ -379,7 +405,9 @@ void pass(qrn_tl_queue_t *q, Goes goes, Gone gone)
     node *const last = last_node(q);
     node *prev = q->head;
     bool done = prev == last;
+    lookahead near(prev, last);
     while (!done) {
+        near.step();
         node *n = after(prev);
         done = n == last;
         void *item = n->value;
@@ -395,8 +423,8 @@ void pass(qrn_tl_queue_t *q, Goes goes, Gone gone)
 
 bool init_locks(qrn_tl_queue_t *q)
 {
-    pthread_mutexattr_t
-        adaptive; // both locks are held for a few instructions: spin before sleeping
+    // Both locks are held for a few instructions: spin before sleeping.
+    pthread_mutexattr_t adaptive;
     if (pthread_mutexattr_init(&adaptive) != 0)
         return false;
     pthread_mutexattr_settype(&adaptive, PTHREAD_MUTEX_ADAPTIVE_NP);
