@@ -2,6 +2,8 @@
 /* Counted messages. */
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -36,6 +38,7 @@ TEST_F(Message, CopiesWhatItIsMadeOf)
     EXPECT_STREQ(qrn_msg_topic(msg), "prices");
     EXPECT_EQ(std::string(bytes, len), std::string("a\0b", 3));
     EXPECT_EQ(bytes[len], '\0');
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(bytes) % alignof(std::max_align_t), 0u);
     EXPECT_EQ(msg->type, QRN_MSG_TYPE_RESPONSE);
     EXPECT_EQ(msg->flags, 0);
     EXPECT_EQ(msg->sequence_number, 77u);

@@ -7,7 +7,9 @@
  * The operations are weak: a program may put its own in their place at link time. */
 #include "qrnmsg.h"
 
+#include <cstddef>
 #include <cstring>
+#include <new>
 
 #include "kfx.h"
 #include "kfxsync.h"
@@ -15,6 +17,10 @@
 namespace {
 
 constinit long live_ = 0;
+
+/* The payload comes first, at an address where a block from malloc could begin. */
+constexpr size_t payload_offset =
+    (sizeof(qrn_msg_t) + alignof(std::max_align_t) - 1) & ~(alignof(std::max_align_t) - 1);
 
 void end(qrn_msg_t *msg)
 {
@@ -43,15 +49,15 @@ extern "C" {
                                         size_t len, qrn_uint_t sequence_number)
 {
     const size_t topic_len = topic == nullptr ? 0 : std::strlen(topic);
-    char *block = kfx::alloc<char>(sizeof(qrn_msg_t) + topic_len + len + 2);
+    char *block = kfx::alloc<char>(payload_offset + topic_len + len + 2);
     auto *msg = new (block) qrn_msg_t{};
-    char *room = block + sizeof(qrn_msg_t);
+    char *room = block + payload_offset;
     msg->type = type;
     msg->sequence_number = sequence_number;
     msg->refs = 1;
-    msg->topic = topic == nullptr ? nullptr : put(&room, topic, topic_len);
     msg->payload = put(&room, payload, len);
     msg->payload_len = len;
+    msg->topic = topic == nullptr ? nullptr : put(&room, topic, topic_len);
     kfx::add(live_, 1);
     return msg;
 }

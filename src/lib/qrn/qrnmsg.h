@@ -58,7 +58,8 @@ int qrn_msg_delete(qrn_msg_t *msg);
 
 /* The topic, null when there is none; valid while a reference is held. */
 const char *qrn_msg_topic(const qrn_msg_t *msg);
-/* The payload, followed by a byte 0 that is not counted in `*len`; valid while a reference is held. */
+/* The payload, aligned for any type and followed by a byte 0 that is not counted in `*len`; valid while
+ * a reference is held. */
 const void *qrn_msg_payload(const qrn_msg_t *msg, size_t *len);
 
 /* Asks for a queue consumption report: `consumed` is called when the last reference is released, unless
