@@ -33,13 +33,14 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
     ${PROJECT_SOURCE_DIR}/packaging/triggers ${PROJECT_BINARY_DIR}/shlibs)
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "Library threads put typed events on a queue; threads of the application take them \
-off in order and run their callbacks. This package runs programs that use the library.")
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "Library threads put typed events on a queue; threads of the application take
+them off in order and run their callbacks. This package runs programs that
+use the library.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libqrn-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${QRN_RUNTIME_PACKAGE} (= ${PROJECT_VERSION})")
-set(CPACK_COMPONENT_DEV_DESCRIPTION "Library threads put typed events on a queue; threads of the application take them \
-off in order and run their callbacks. This package has what is needed to build programs that use \
-the library: header, static library and manual pages.")
+set(CPACK_COMPONENT_DEV_DESCRIPTION "Library threads put typed events on a queue; threads of the application take
+them off in order and run their callbacks. This package has what is needed to
+build programs that use the library: headers, static library, manual pages.")
 include(CPack)
