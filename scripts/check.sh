@@ -6,7 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-all=(headers library readme clang format tidy shell docs package abi)
+all=(headers library readme clang fuzz format tidy shell docs package abi)
 strict=(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -Isrc/lib/qrn -Isrc/mon/qrn)
 
 # Each header compiles on its own and twice in a row: as C++20, and as C11 where it is C.
@@ -59,6 +59,13 @@ check_readme() {
 check_clang() {
     cmake --preset clang >/dev/null
     cmake --build --preset clang --parallel "$(nproc)"
+}
+
+# A minute of fuzzing finds nothing new.
+check_fuzz() {
+    cmake --preset fuzz >/dev/null
+    cmake --build --preset fuzz --parallel "$(nproc)" --target fuzz >build/fuzz.log 2>&1 ||
+        { tail -n 50 build/fuzz.log >&2; return 1; }
 }
 
 check_format() {
