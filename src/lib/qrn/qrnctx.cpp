@@ -96,6 +96,7 @@ bool refused_null(Pointers... args)
 
 /* --- Chains of bindings ------------------------------------------------------------------------ */
 
+/* Behind the last one, so that receivers get a message in the order they were made. */
 void append(qrn_binding_t **link, qrn_binding_t *binding)
 {
     while (*link != nullptr)
@@ -234,12 +235,14 @@ void attach(state_t &state, qrn_event_queue_t *evq)
     learn_queue(state, evq).detached = false;
 }
 
+/* Whether what is enqueued on the queue now is taken, unless a shutdown comes in between. */
 bool accepts(const state_t &state, const qrn_event_queue_t *evq)
 {
     const known_queue *known = find_queue(state, evq);
     return known != nullptr && !known->detached && kfx::load(evq->shutdown) == 0;
 }
 
+/* Neither option can be set on a live queue, so the answer holds for the queue's life. */
 bool tracks_threads(const qrn_event_queue_t *evq)
 {
     return evq->attr->q_cancel_cb != 0 || evq->attr->q_purge_on_close == 0;
@@ -252,6 +255,7 @@ long &count_for(qrn_event_bundle_t &bundle, int type)
     return type == QRN_EVQ_MSG_TYPE ? bundle.data_msgs : bundle.wrcv_msgs;
 }
 
+/* Enqueues the bundle that was begun, or releases what it holds when the queue takes nothing. */
 int send_bundle(known_queue &queue)
 {
     qrn_event_bundle_t *bundle = std::exchange(queue.bundle, nullptr);
@@ -332,6 +336,7 @@ int enter(T **out, T *obj)
     return QRN_OK;
 }
 
+/* Checked before anything changes: a cancellation callback that cannot come would be waited for. */
 bool refused_cancel(const qrn_event_queue_t *evq, const qrn_cancel_t *cancel)
 {
     if (cancel == nullptr)
@@ -357,6 +362,7 @@ void enqueue_end(int, void *clientd)
         std::free(obj);
 }
 
+/* Dispatching threads may still read the fields of the object, but none reads the binding. */
 void bury(qrn_binding_t *binding)
 {
     state_t &state = *binding->ctx->state;
@@ -365,6 +371,7 @@ void bury(qrn_binding_t *binding)
     state.dead = binding;
 }
 
+/* A match attaches enqueue_end to the threads that are inside, and the last of them calls it. */
 void end_memory(qrn_binding_t *binding, qrn_event_t &key)
 {
     if (!tracks_threads(binding->evq)) {
@@ -376,6 +383,7 @@ void end_memory(qrn_binding_t *binding, qrn_event_t &key)
         enqueue_end(0, binding);
 }
 
+/* The one way in which receivers, sources and requests end. The order matters: see the top. */
 template <class T>
 int end(T *obj, const qrn_cancel_t *cancel)
 {
@@ -438,6 +446,7 @@ int purge_timer(qrn_event_queue_t *evq, qrn_context_t *ctx, int id)
     return key.found;
 }
 
+/* No purge of the queue covers immediate messages, and its removal leaves their messages alone. */
 int is_not_imsg(const void *item, const void *ctx)
 {
     const auto *ev = static_cast<const qrn_event_t *>(item);
@@ -497,6 +506,7 @@ int deliver_to(qrn_wildcard_rcv_t *wrcv, qrn_msg_t *msg)
     });
 }
 
+/* Receivers of other topics share the chain, so the topic is compared too. */
 int deliver_by_topic(state_t &state, qrn_msg_t *msg, const char *topic)
 {
     int taken = 0;
@@ -537,6 +547,7 @@ void run_entry(const qrn_event_t &entry)
 
 /* --- The thread -------------------------------------------------------------------------------- */
 
+/* Both run under the lock, as part of the context's loop. */
 int enqueue_timer(qrn_event_queue_t *evq, qrn_context_t *ctx, int id, void *clientd,
                   qrn_timer_cb_proc proc, qrn_ulong_t recurring)
 {
@@ -559,6 +570,7 @@ void *run(void *arg)
             kfx_logf(KFX_LOG_ERROR, "context %p ends: %s\n", arg, qrn_errmsg());
             break;
         }
+        // From the look for what is due to the append nothing is deleted.
         kfx::lock_guard guard(state.lock);
         qrn_fd_report(ctx->fdm, enqueue_io);
         qrn_timer_expire(ctx->timer, enqueue_timer);
@@ -610,6 +622,7 @@ void free_context(qrn_context_t *ctx)
     std::free(ctx);
 }
 
+/* Whatever the owner left; each goes the way of an ordinary deletion. */
 void end_everything(qrn_context_t *ctx)
 {
     state_t &state = *ctx->state;
