@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The monitoring layer, received on a real socket: what records hold, how long controllers live, and
-// that a queue is left alone once its monitoring has stopped.
+// The monitoring layer, received on a real socket: what records hold, how long controllers live,
+// and that a queue is left alone once its monitoring has stopped.
+#include <algorithm>
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fstream>
 #include <future>
 #include <latch>
 #include <map>
-#include <regex>
 #include <set>
 #include <sys/socket.h>
 #include <thread>
@@ -23,21 +23,37 @@ namespace {
 
 using fields = std::map<std::string, std::string>;
 
-// The fields of a line, by the names of the columns.
+// The fields of a line, by the names of the columns, with quotes undone.
 fields split(const std::string &line)
 {
-    static const std::regex field("(?:\"((?:[^\"]|\"\")*)\"|([^,\n]*))[,\n]");
-    fields out;
-    size_t column = 0;
-    for (std::sregex_iterator it(line.begin(), line.end(), field), end; it != end; ++it) {
-        EXPECT_LT(column, qrnmon::columns.size()) << line;
-        std::string value = (*it)[1].matched ? (*it)[1] : (*it)[2];
-        if (column < qrnmon::columns.size())
-            out[std::string(qrnmon::columns[column++].name)] =
-                std::regex_replace(value, std::regex("\"\""), "\"");
+    strings values(1);
+    bool quoted = false;
+    for (size_t i = 0; i + 1 < line.size(); ++i) {
+        if (line[i] == '"') {
+            if (!quoted && i > 0 && line[i - 1] == '"')
+                values.back() += '"'; // the second of two
+            quoted = !quoted;
+        } else if (line[i] == ',' && !quoted) {
+            values.emplace_back();
+        } else {
+            values.back() += line[i];
+        }
     }
-    EXPECT_EQ(column, qrnmon::columns.size()) << line;
+    EXPECT_EQ(values.size(), qrnmon::columns.size()) << line;
+    EXPECT_TRUE(line.ends_with('\n') && !quoted) << line;
+    values.resize(qrnmon::columns.size());
+    fields out;
+    for (size_t i = 0; i < values.size(); ++i)
+        out[std::string(qrnmon::columns[i].name)] = values[i];
     return out;
+}
+
+// The form of a text: each digit as '9'.
+std::string form(std::string text)
+{
+    std::ranges::replace_if(
+        text, [](char c) { return c >= '0' && c <= '9'; }, '9');
+    return text;
 }
 
 // A receiver on a free port.
@@ -190,10 +206,9 @@ TEST_F(Mon, ARecordHoldsTheFiguresOfTheQueue)
     for (auto &[name, value] : expected)
         EXPECT_EQ(row[name], value) << name;
     for (const char *name : {"age_min", "age_mean", "age_max", "callback_events_svc_mean"})
-        EXPECT_TRUE(std::regex_match(row[name], std::regex("\\d+"))) << name << " " << row[name];
-    EXPECT_TRUE(std::regex_match(row["epoch_s"], std::regex("\\d{10}\\.\\d{6}"))) << row["epoch_s"];
-    EXPECT_TRUE(std::regex_match(
-        row["time_utc"], std::regex("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z")));
+        EXPECT_EQ(form(row[name]), std::string(std::max(row[name].size(), size_t{1}), '9')) << name;
+    EXPECT_EQ(form(row["epoch_s"]), "9999999999.999999");
+    EXPECT_EQ(form(row["time_utc"]), "9999-99-99T99:99:99.999Z");
 }
 
 TEST_F(Mon, WhatAQueueDoesNotKeepIsAnEmptyField)
@@ -321,11 +336,13 @@ TEST_F(Mon, TheDocumentDescribesEveryColumn)
     if (!doc.is_open())
         GTEST_SKIP() << "built outside of the source tree";
     strings documented, written;
-    static const std::regex row("\\| `(\\w+)` \\| (label|clock|gauge|counter) \\|.*");
-    std::smatch found;
-    for (std::string line; std::getline(doc, line);)
-        if (std::regex_match(line, found, row))
-            documented.push_back(found.str(1) + " " + found.str(2));
+    for (std::string line; std::getline(doc, line);) {
+        std::istringstream words(line);
+        std::string first, name, between, what;
+        words >> first >> name >> between >> what;
+        if (what == "label" || what == "clock" || what == "gauge" || what == "counter")
+            documented.push_back(name.substr(1, name.size() - 2) + " " + what);
+    }
     for (auto &[name, what] : qrnmon::columns)
         written.push_back(std::string(name) + " " + kind_name(what));
     EXPECT_EQ(documented, written);
@@ -383,7 +400,7 @@ TEST_F(Mon, QueuesOfOneDestinationShareAController)
 
 // --- Life ----------------------------------------------------------------------------------------
 
-// Two queues, two destinations: the release that follows the end of one leaves the other's controller.
+// Two queues, two destinations: the end of one leaves the other's controller.
 TEST_F(Mon, AControllerEndsWithItsLastQueue)
 {
     Receiver other;
@@ -425,7 +442,7 @@ TEST_F(Mon, MisuseIsAnError)
 }
 
 std::latch *entered, *go_on;
-journal done_sampling;
+std::atomic<bool> left_queue;
 
 // The sampler is held inside the queue; stopping waits until it has left.
 TEST_F(Mon, StoppingWaitsForASampleInProgress)
@@ -433,13 +450,14 @@ TEST_F(Mon, StoppingWaitsForASampleInProgress)
     std::latch inside(1), leave(1);
     entered = &inside;
     go_on = &leave;
+    left_queue = false;
     Queue q;
     Controller by(in.options());
     kfx_set_log_sink([](int, const char *line) {
         if (std::string(line).starts_with("[qrn_event_queue_retrieve_stats]")) {
             entered->count_down();
             go_on->wait();
-            done_sampling.add("left");
+            left_queue = true;
         }
     });
     kfx::store(log_state.dmask, KFX_DBG_API);
@@ -448,12 +466,11 @@ TEST_F(Mon, StoppingWaitsForASampleInProgress)
     kfx::store(log_state.dmask, 0);
     auto stopped = std::async(std::launch::async, [&] {
         EXPECT_EQ(qrnmon_evq_unmonitor(by.sctl, q), 0);
-        done_sampling.add("stopped");
+        EXPECT_TRUE(left_queue);
     });
     EXPECT_EQ(stopped.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
     leave.count_down();
     stopped.wait();
-    EXPECT_EQ(done_sampling.take(), (strings{"left", "stopped"}));
 }
 
 // Queues come and go on several threads while they are sampled; nobody reads what is sent.

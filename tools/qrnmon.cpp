@@ -5,6 +5,7 @@
 // One thread. It waits for datagrams, keys, signals and the next full second; each second it looks
 // for silent sources, writes the metrics and draws. On a terminal it draws a live table, elsewhere
 // it prints what happens as lines and the table at the end.
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <ctime>
@@ -14,6 +15,8 @@
 #include <sys/signalfd.h>
 
 #include "qrnmon/files.h"
+#include "qrnmon/metrics.h"
+#include "qrnmon/picture.h"
 #include "qrnmon/record.h"
 #include "qrnmon/sockets.h"
 #include "qrnmon/sources.h"
@@ -79,9 +82,7 @@ double parse_seconds(const std::string &text)
 
 char parse_sort(const std::string &text)
 {
-    bool known = text.size() == 1 && std::ranges::find(table_columns(), text[0],
-                                                       &table_column::key) != table_columns().end();
-    if (!known)
+    if (text.size() != 1 || !is_sort_key(text[0]))
         throw failure("--sort must be one of n p d i o a s w l h: '" + text + "'");
     return text[0];
 }
@@ -223,7 +224,7 @@ private:
         std::string folder = opts_.plot.substr(0, opts_.plot.find_last_of('/') + 1);
         if (access(folder.empty() ? "." : folder.c_str(), W_OK) != 0)
             throw failure(with_reason("cannot write " + opts_.plot));
-        if (run_gnuplot("") != 0)
+        if (!can_plot())
             throw failure("cannot draw " + opts_.plot + ": gnuplot cannot be run");
     }
 
@@ -291,12 +292,11 @@ private:
         keys_open_ = count > 0;
         for (ssize_t i = 0; i < count; ++i) {
             char key = keys[static_cast<std::size_t>(i)];
-            auto by = std::ranges::find(table_columns(), key, &table_column::key);
             if (key == 'q')
                 done_ = true;
             else if (key == 'r')
                 how_.reverse = !how_.reverse;
-            else if (key != 0 && by != table_columns().end())
+            else if (is_sort_key(key))
                 how_.sort = key;
         }
         draw();
