@@ -60,6 +60,38 @@ void release_undelivered(const qrn_event_t *ev)
         release_undelivered(message(*ev));
 }
 
+namespace {
+
+void release_entries(const qrn_event_bundle_t *bundle)
+{
+    for (int i = 0; i < bundle->num_events; ++i) {
+        const qrn_event_t &entry = bundle->events[i];
+        bool carries = entry.type == QRN_EVQ_MSG_TYPE || entry.type == QRN_EVQ_WRCV_MSG_TYPE;
+        if (entry.ctx != nullptr && carries)
+            release_undelivered(&entry);
+    }
+}
+
+void free_bundle(qrn_event_bundle_t *bundle)
+{
+    std::free(bundle->events);
+    std::free(bundle);
+}
+
+} // namespace
+
+void release_bundle(qrn_event_t *ev)
+{
+    release_entries(ev->info.msg_bundle);
+    ev->marks |= mark_released;
+}
+
+void free_released_bundle(const qrn_event_t *ev)
+{
+    if ((ev->marks & mark_released) != 0)
+        free_bundle(ev->info.msg_bundle);
+}
+
 } // namespace qrnev
 
 namespace {
@@ -130,14 +162,8 @@ qrn_event_bundle_t *qrn_event_bundle_create(qrn_context_t *ctx)
 int qrn_event_bundle_delete(qrn_event_bundle_t *bundle)
 {
     KFX_ASSERT(bundle != nullptr, "bundle!=NULL");
-    for (int i = 0; i < bundle->num_events; ++i) {
-        const qrn_event_t &entry = bundle->events[i];
-        bool carries = entry.type == QRN_EVQ_MSG_TYPE || entry.type == QRN_EVQ_WRCV_MSG_TYPE;
-        if (entry.ctx != nullptr && carries)
-            release_undelivered(&entry);
-    }
-    std::free(bundle->events);
-    std::free(bundle);
+    release_entries(bundle);
+    free_bundle(bundle);
     return 0;
 }
 

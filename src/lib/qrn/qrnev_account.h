@@ -17,6 +17,7 @@ enum mark : qrn_uint_t {
     mark_counted = 2,
     mark_sized = 4,
     mark_stamped = 8,
+    mark_released = 16, // the messages of a bundle that was taken
 };
 
 inline bool is_marked(const qrn_event_t *ev, mark m, bool otherwise)
@@ -83,6 +84,11 @@ void release_owned(qrn_event_t *ev, int in_evq_delete);
 void release_undelivered(const qrn_event_t *ev);
 // Releases one message as undelivered.
 void release_undelivered(qrn_msg_t *msg);
+
+// The same for what is left in the bundle of an event that was taken; and its end, once the thread is
+// done with the event: before, others may look into the bundle for the object of a cancellation.
+void release_bundle(qrn_event_t *ev);
+void free_released_bundle(const qrn_event_t *ev);
 
 } // namespace qrnev
 

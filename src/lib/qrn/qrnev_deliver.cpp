@@ -181,13 +181,13 @@ namespace {
 // Releases, as undelivered, what the batch callback left in the bundle.
 class [[nodiscard]] bundle_guard {
 public:
-    explicit bundle_guard(qrn_event_bundle_t *bundle) : bundle_(bundle) {}
-    ~bundle_guard() { qrn_event_bundle_delete(bundle_); }
+    explicit bundle_guard(qrn_event_t *ev) : ev_(ev) {}
+    ~bundle_guard() { release_bundle(ev_); }
     bundle_guard(const bundle_guard &) = delete;
     bundle_guard &operator=(const bundle_guard &) = delete;
 
 private:
-    qrn_event_bundle_t *bundle_;
+    qrn_event_t *ev_;
 };
 
 // Splits the service time between the two kinds of message, in proportion to their counts.
@@ -238,7 +238,7 @@ int deliver_bundle(qrn_event_queue_t *evq, qrn_event_t *ev)
     KFX_ASSERT(ev->ctx != nullptr, "ev->ctx!=NULL");
     KFX_ASSERT(ev->ctx->rcv_delivery_batching_cb != nullptr,
                "ev->ctx->rcv_delivery_batching_cb!=NULL");
-    bundle_guard messages(bundle);
+    bundle_guard messages(ev);
     count_guard count(evq, ev);
     bundle_service_guard service(evq, bundle);
     KFX_TRACE(KFX_DBG_EVENT, "evq %p dispatch EVENT BUNDLE %p [%d events]\n", ptr(evq), ptr(bundle),

@@ -122,13 +122,16 @@ void warn(qrn_event_queue_t *evq, const qrn_event_t *ev, const kfx_hrtime_t &tak
 // Closes the accounts of an event whose delivery did not begin, because a warning threw.
 class [[nodiscard]] undelivered_guard {
 public:
-    undelivered_guard(qrn_event_queue_t *evq, const qrn_event_t *ev) : evq_(evq), ev_(ev) {}
+    undelivered_guard(qrn_event_queue_t *evq, qrn_event_t *ev) : evq_(evq), ev_(ev) {}
     ~undelivered_guard()
     {
         if (ev_ == nullptr)
             return;
         count_out(evq_, ev_);
-        release_undelivered(ev_);
+        if (ev_->type == QRN_EVQ_MSG_BUNDLE_TYPE)
+            release_bundle(ev_);
+        else
+            release_undelivered(ev_);
     }
     void dismiss() { ev_ = nullptr; }
     undelivered_guard(const undelivered_guard &) = delete;
@@ -136,10 +139,10 @@ public:
 
 private:
     qrn_event_queue_t *evq_;
-    const qrn_event_t *ev_;
+    qrn_event_t *ev_;
 };
 
-void age_and_warn(qrn_event_queue_t *evq, const qrn_event_t *ev)
+void age_and_warn(qrn_event_queue_t *evq, qrn_event_t *ev)
 {
     bool aged = kfx::load(evq->attr->q_age) != 0;
     if (!aged && evq->monproc == nullptr && !was_sized(ev, false))
@@ -232,8 +235,8 @@ public:
             finish();
         } catch (...) { // NOLINT(bugprone-empty-catch)
         }
-        if (ev_ != nullptr)
-            qrn_event_delete(ev_);
+        free_released_bundle(ev_);
+        qrn_event_delete(ev_);
     }
     settle_guard(const settle_guard &) = delete;
     settle_guard &operator=(const settle_guard &) = delete;
@@ -243,6 +246,7 @@ public:
     {
         finish();
         qrn_event_t *ev = std::exchange(ev_, nullptr);
+        free_released_bundle(ev);
         if (!in_flow) {
             qrn_event_delete(ev);
             return;
