@@ -448,14 +448,16 @@ int sget(const name_option &row, record *attr, char *optval, size_t *optlen)
         return refuse(row.get_null_length);
     if (*optlen < 2)
         return refuse(row.get_below_two);
-    if (attr->evq_name != nullptr && *optlen <= attr->evq_name_len) {
+    if (attr->evq_name == nullptr) {
+        *optval = '\0';
+        *optlen = 0;
+        return QRN_OK;
+    }
+    if (*optlen <= attr->evq_name_len) {
         *optlen = attr->evq_name_len + 1;
         return refuse(row.get_short);
     }
-    if (attr->evq_name == nullptr)
-        *optval = '\0';
-    else
-        std::strncpy(optval, attr->evq_name, *optlen);
+    std::strncpy(optval, attr->evq_name, *optlen);
     *optlen = attr->evq_name_len;
     return QRN_OK;
 }
