@@ -102,20 +102,42 @@ bool is_sampled(const qrn_msg_t *msg, int one_in)
     return msg->type == 0 || msg->type == 2 || msg->type == 3;
 }
 
+// A message may be with several dispatching threads, and its stamps are written by each: in halves, each
+// of them whole.
+void copy_stamp(const kfx_hrtime_t &from, kfx_hrtime_t &to)
+{
+    kfx::store(to.tv.tv_sec, kfx::load(from.tv.tv_sec));
+    kfx::store(to.tv.tv_usec, kfx::load(from.tv.tv_usec));
+}
+
+// Marks the message as one that carries stamps; whether this thread is the first to do so.
+bool begin_stamps(qrn_msg_t *msg)
+{
+    int flags = kfx::load(msg->flags);
+    while ((flags & QRN_MSG_TIMESTAMPS_FIELD) == 0) {
+        if (kfx::compare_exchange(msg->flags, flags, flags | QRN_MSG_TIMESTAMPS_FIELD,
+                                  std::memory_order_relaxed))
+            return true;
+    }
+    return false;
+}
+
 // Stamps a sampled message for the measurement of delivery latency.
 void stamp_latency(const qrn_context_t *ctx, qrn_msg_t *msg)
 {
     constexpr uint64_t stamp_pre_callback = 2;
     if (ctx == nullptr || !is_sampled(msg, ctx->attr.rcv_delivery_latency))
         return;
-    bool first = (msg->flags & QRN_MSG_TIMESTAMPS_FIELD) == 0;
-    msg->flags |= QRN_MSG_TIMESTAMPS_FIELD;
+    bool first = begin_stamps(msg);
     auto *field = static_cast<qrn_msg_timestamps_t *>(
         qrn_msg_retrieve_internal_field_ptr(msg, QRN_MSG_TIMESTAMPS_FIELD));
     if (first)
-        field->fd_wakeup_ts = ctx->fdm->fd_wakeup_ts;
-    if ((ctx->attr.timestamp_mask & stamp_pre_callback) != 0)
-        kfx_hrtime_timestamp(&field->msg_pre_callback_ts);
+        copy_stamp(ctx->fdm->fd_wakeup_ts, field->fd_wakeup_ts);
+    if ((ctx->attr.timestamp_mask & stamp_pre_callback) != 0) {
+        kfx_hrtime_t now{};
+        kfx_hrtime_timestamp(&now);
+        copy_stamp(now, field->msg_pre_callback_ts);
+    }
 }
 
 // The frame of the four: `target` holds the defunct flag of what the message is for, if anything.
