@@ -3,9 +3,9 @@
 // Threads, strategies, and the model of mutexes, semaphores and time. A thread that waits is ready when
 // what it waits for is there; nobody is woken, so the models need no queues.
 //
-// Strategies, by seed: any ready thread at every point; the running thread goes on but for at most
-// three points; random priorities, with at most three points at which the running thread becomes the
-// last. The latter two find what needs few but well-placed switches.
+// Strategies, by seed: any ready thread at every point; the running thread goes on but for a few
+// points; random priorities, with a few points at which the running thread becomes the last. The
+// latter two find what needs few but well-placed switches.
 
 #include "explorer.h"
 
@@ -15,12 +15,9 @@
 #include <cstring>
 #include <ctime>
 #include <cxxabi.h>
-#include <pthread.h>
-#include <semaphore.h>
 
 #ifdef SCHED_ASAN
 #include <sanitizer/asan_interface.h>
-#include <sanitizer/common_interface_defs.h>
 #endif
 #ifdef SCHED_TSAN
 #include <sanitizer/tsan_interface.h>
@@ -32,7 +29,6 @@
 // Saves what a call preserves, stores the stack in `*from` and goes on with the stack `to`.
 extern "C" void sched_switch(void **from, void *to);
 asm(R"(
-.text
 .type sched_switch, @function
 sched_switch:
     pushq %rbp
@@ -61,8 +57,8 @@ namespace {
 
 constexpr size_t stack_size = 256 * 1024;
 
-#ifdef __x86_64__
 struct context {
+#ifdef __x86_64__
     void *sp = nullptr;
     void prepare(char *stack, void (*entry)())
     {
@@ -71,10 +67,11 @@ struct context {
         words[6] = reinterpret_cast<void *>(entry); // above the six registers; then no caller
         sp = words;
     }
-    void jump(context &to) { sched_switch(&sp, to.sp); }
-};
+    void jump(context &to)
+    {
+        sched_switch(&sp, to.sp);
+    }
 #else
-struct context {
     ucontext_t saved;
     void prepare(char *stack, void (*entry)())
     {
@@ -82,16 +79,20 @@ struct context {
         saved.uc_stack = {stack, 0, stack_size};
         makecontext(&saved, entry, 0);
     }
-    void jump(context &to) { swapcontext(&saved, &to.saved); }
-};
+    void jump(context &to)
+    {
+        swapcontext(&saved, &to.saved);
+    }
 #endif
-
-struct [[gnu::may_alias]] mutex_model {
-    const struct fiber *owner;
 };
 
-struct [[gnu::may_alias]] semaphore_model {
-    unsigned value;
+struct fiber;
+
+// A mutex or a semaphore. It may be taken while `taken` is not above 0: a mutex is 0 or 1, a semaphore
+// 1 less its value.
+struct [[gnu::may_alias]] model {
+    int taken;
+    const fiber *owner;
 };
 
 struct fiber {
@@ -100,28 +101,27 @@ struct fiber {
     std::function<void()> body;
     bool live = false;
     int priority = 0;
-    const mutex_model *mutex = nullptr;         // waits for it
-    const semaphore_model *semaphore = nullptr; // waits for it
-    bool timed = false;                         // but not for ever
-    unsigned char exceptions[16] = {}; // the exceptions in flight, which are a thread's own
-    [[maybe_unused]] const void *bottom = nullptr;
-    [[maybe_unused]] size_t size = 0;
-    [[maybe_unused]] void *sanitizer = nullptr;
+    const model *waits_for = nullptr;
+    bool timed = false;                // waits, but not for ever
+    unsigned char exceptions[16] = {}; // the exceptions in flight are a thread's own
+    const void *bottom = nullptr;      // these for the sanitizers
+    size_t size = 0;
+    void *sanitizer = nullptr;
 };
 
 constexpr unsigned max_threads = 6;
 constexpr unsigned max_changes = 3;
-constexpr unsigned long max_steps = 100'000;
+constexpr unsigned max_steps = 100'000;
 constexpr unsigned max_streak =
-    300; // points in a row; a thread that waits for others in a loop ends there
+    300; // points in a row: a thread that waits in a loop gives way then
 
 enum class strategy { uniform, bounded, priorities };
 
 struct schedule {
     uint64_t random;
     strategy kind;
-    unsigned long changes[max_changes];
-    unsigned long steps = 0;
+    unsigned changes[max_changes];
+    unsigned steps = 0;
     unsigned streak = 0;
     unsigned spawned = 0;
     int lowest = 0;
@@ -135,7 +135,8 @@ schedule s;
 fiber threads[max_threads];
 fiber main_thread;
 fiber *current = &main_thread;
-char start_token, end_token; // order a schedule's threads behind its start and before its end
+fiber *left = nullptr;  // before `current`
+char beginning, ending; // order the threads of a schedule behind its beginning and before its end
 
 bool in_thread()
 {
@@ -156,31 +157,16 @@ void release([[maybe_unused]] void *what)
 #endif
 }
 
-void before_switch([[maybe_unused]] fiber &from, [[maybe_unused]] fiber &to)
-{
-#ifdef SCHED_ASAN
-    __sanitizer_start_switch_fiber(&from.sanitizer, to.bottom, to.size);
-#endif
-#ifdef SCHED_TSAN
-    __tsan_switch_to_fiber(to.sanitizer, __tsan_switch_to_fiber_no_sync);
-#endif
-}
-
-// `from` is the thread that was left.
-void after_switch([[maybe_unused]] fiber &self, [[maybe_unused]] fiber *from)
+void arrive()
 {
 #ifdef SCHED_ASAN
     const void *bottom;
     size_t size;
-    __sanitizer_finish_switch_fiber(self.sanitizer, &bottom, &size);
-    if (from == &main_thread) {
-        from->bottom = bottom;
-        from->size = size;
-    }
+    __sanitizer_finish_switch_fiber(current->sanitizer, &bottom, &size);
+    left->bottom = bottom;
+    left->size = size;
 #endif
 }
-
-fiber *left = nullptr;
 
 void switch_to(fiber &next)
 {
@@ -190,28 +176,33 @@ void switch_to(fiber &next)
     std::memcpy(self.exceptions, abi::__cxa_get_globals(), sizeof self.exceptions);
     left = &self;
     current = &next;
-    before_switch(self, next);
+#ifdef SCHED_ASAN
+    __sanitizer_start_switch_fiber(&self.sanitizer, next.bottom, next.size);
+#endif
+#ifdef SCHED_TSAN
+    __tsan_switch_to_fiber(next.sanitizer, __tsan_switch_to_fiber_no_sync);
+#endif
     self.where.jump(next.where);
-    after_switch(self, left);
+    arrive();
     std::memcpy(abi::__cxa_get_globals(), self.exceptions, sizeof self.exceptions);
 }
 
-void leave();
+void give_way();
 
 void enter()
 {
-    after_switch(*current, left);
+    arrive();
     for (;;) {
         std::memset(abi::__cxa_get_globals(), 0, sizeof current->exceptions);
-        acquire(&start_token);
+        acquire(&beginning);
         try {
             current->body();
         } catch (...) {
             check(false, "an exception left a thread");
         }
-        release(&end_token);
+        release(&ending);
         current->live = false;
-        leave();
+        give_way();
     }
 }
 
@@ -219,11 +210,12 @@ void make(fiber &f)
 {
     if (f.stack == nullptr)
         f.stack = static_cast<char *>(std::aligned_alloc(64, stack_size));
+    f.bottom = f.stack;
+    f.size = stack_size;
+    f.sanitizer = nullptr;
 #ifdef SCHED_ASAN
     __asan_unpoison_memory_region(f.stack, stack_size);
 #endif
-    f.bottom = f.stack;
-    f.size = stack_size;
 #ifdef SCHED_TSAN
     f.sanitizer = __tsan_create_fiber(0);
     main_thread.sanitizer = __tsan_get_current_fiber();
@@ -233,16 +225,12 @@ void make(fiber &f)
 
 // --- Strategies ----------------------------------------------------------------------------------
 
-// Whether it could go on now; a timer ends at any time, but seldom unless `timers` says so.
+// Whether it could go on now. A timer ends at any time, but seldom unless `timers` says so.
 bool is_ready(const fiber &f, bool timers)
 {
-    if (!f.live)
-        return false;
-    if (f.mutex != nullptr)
-        return f.mutex->owner == nullptr;
-    if (f.semaphore != nullptr)
-        return f.semaphore->value > 0 || (f.timed && (timers || choose(32) == 0));
-    return true;
+    if (!f.live || f.waits_for == nullptr || f.waits_for->taken <= 0)
+        return f.live;
+    return f.timed && (timers || choose(32) == 0);
 }
 
 unsigned collect(fiber **ready, bool timers)
@@ -256,22 +244,20 @@ unsigned collect(fiber **ready, bool timers)
 
 fiber *choose_from(fiber **ready, unsigned n)
 {
-    bool change = ++s.streak > max_streak || std::ranges::count(s.changes, s.steps) != 0;
-    switch (s.kind) {
-    case strategy::uniform:
-        return ready[choose(n)];
-    case strategy::bounded:
-        if (!change && std::find(ready, ready + n, current) != ready + n)
-            return current;
-        if (change && n > 1) // to another one
-            n = static_cast<unsigned>(std::remove(ready, ready + n, current) - ready);
-        return ready[choose(n)];
-    default:
+    const bool change = ++s.streak > max_streak || std::ranges::count(s.changes, s.steps) != 0;
+    if (s.kind == strategy::priorities) {
         if (change)
             current->priority = --s.lowest;
-        return *std::max_element(ready, ready + n,
-                                 [](auto *a, auto *b) { return a->priority < b->priority; });
+        return *std::ranges::max_element(ready, ready + n, {}, &fiber::priority);
     }
+    if (s.kind == strategy::bounded) {
+        fiber **others = std::remove(ready, ready + n, current);
+        const bool goes_on = others != ready + n;
+        if (goes_on && (!change || n == 1))
+            return current;
+        n = static_cast<unsigned>(others - ready);
+    }
+    return ready[choose(n)];
 }
 
 // The thread that goes on; null when none can.
@@ -283,19 +269,22 @@ fiber *pick()
         n = collect(ready, true);
         check(n == 0 || !s.stranded || !s.stranded(), "a wake-up was lost");
     }
-    if (n == 0)
-        return nullptr;
-    fiber *next = choose_from(ready, n);
+    fiber *next = n == 0 ? nullptr : choose_from(ready, n);
     if (next != current)
         s.streak = 0;
     return next;
 }
 
-// Gives way to whoever can go on; comes back when this thread is chosen again.
-void leave()
+// Comes back when this thread is chosen again.
+void give_way()
 {
     fiber *next = pick();
     switch_to(next != nullptr ? *next : main_thread);
+}
+
+int count_live()
+{
+    return static_cast<int>(std::ranges::count(threads, true, &fiber::live));
 }
 
 } // namespace
@@ -308,13 +297,12 @@ void begin(uint64_t seed)
     s = {};
     s.random = seed * 0x9E3779B97F4A7C15 + 1;
     s.kind = static_cast<strategy>(choose(3));
-    const unsigned long length = 16UL << choose(7);
-    std::ranges::generate(s.changes, [=] { return choose(static_cast<unsigned>(length)); });
-    std::fill_n(s.changes, choose(max_changes), max_steps + 1); // fewer changes
+    const unsigned length = 16U << choose(7);
+    std::ranges::generate(s.changes, [=] { return choose(length); });
+    std::fill_n(s.changes, choose(max_changes), max_steps); // fewer changes
     for (fiber &f : threads) {
         f.live = false;
-        f.mutex = nullptr;
-        f.semaphore = nullptr;
+        f.waits_for = nullptr;
         if (fresh)
             make(f);
     }
@@ -331,18 +319,18 @@ void spawn(std::function<void()> body)
 
 int run()
 {
-    release(&start_token);
+    release(&beginning);
     while (fiber *next = pick())
         switch_to(*next);
-    acquire(&end_token);
+    acquire(&ending);
     if (s.failed)
         throw failure{s.what};
-    return static_cast<int>(std::ranges::count(threads, true, &fiber::live));
+    return count_live();
 }
 
 void end()
 {
-    check(std::ranges::count(threads, true, &fiber::live) == 0, "a thread waits for ever");
+    check(count_live() == 0, "a thread waits for ever");
     check(!blocks_left(), "memory leaked");
 }
 
@@ -352,7 +340,7 @@ void point()
         return;
     s.time += 1000;
     check(++s.steps < max_steps, "no end in sight");
-    leave();
+    give_way();
 }
 
 unsigned choose(unsigned n)
@@ -373,10 +361,9 @@ void check(bool ok, const char *what)
     s.failed = true;
     for (fiber &f : threads)
         f.live = false;
-    if (!in_thread())
-        throw failure{s.what};
-    for (;;)
+    while (in_thread())
         switch_to(main_thread);
+    throw failure{s.what};
 }
 
 void set_stranded(std::function<bool()> stranded)
@@ -393,36 +380,60 @@ uint64_t now()
 
 namespace {
 
-template <class Model>
-Model &model_of(void *object)
+// Of an object that an operation is about to change.
+model &at_point(void *object)
 {
     touch(object);
-    return *reinterpret_cast<Model *>(object);
+    point();
+    return *static_cast<model *>(object);
 }
 
-bool is_awaited(const void *object)
+int set_up(void *object, int taken)
 {
-    return std::ranges::any_of(threads, [=](const fiber &f) {
-        return f.live && (f.mutex == object || f.semaphore == object);
-    });
+    touch(object);
+    *static_cast<model *>(object) = {taken, nullptr};
+    return 0;
 }
 
-bool try_lock(mutex_model &m)
+int tear_down(void *object)
 {
-    if (m.owner != nullptr)
+    touch(object);
+    const bool awaited = std::ranges::any_of(
+        threads, [=](const fiber &f) { return f.live && f.waits_for == object; });
+    check(!awaited, "what a thread waits for is destroyed");
+    return 0;
+}
+
+bool try_take(model &m)
+{
+    if (m.taken > 0)
         return false;
+    ++m.taken;
     m.owner = current;
     acquire(&m);
     return true;
 }
 
-bool try_take(semaphore_model &sem)
+// Waits until it can be taken; false when the time was up before.
+bool take(model &m, bool timed)
 {
-    if (sem.value == 0)
-        return false;
-    --sem.value;
-    acquire(&sem);
-    return true;
+    if (try_take(m))
+        return true;
+    check(in_thread(), "the main thread would wait for ever");
+    current->waits_for = &m;
+    current->timed = timed;
+    give_way();
+    current->waits_for = nullptr;
+    return (!timed || choose(8) != 0) && try_take(m);
+}
+
+// Points before and after: what follows without a lock shows, too.
+int give(model &m)
+{
+    release(&m);
+    --m.taken;
+    point();
+    return 0;
 }
 
 int fail_with(int error)
@@ -431,26 +442,10 @@ int fail_with(int error)
     return -1;
 }
 
-// A null deadline is none. Signals arrive now and then.
-int wait(semaphore_model &sem, const timespec *deadline)
+// Signals arrive now and then.
+bool is_interrupted()
 {
-    point();
-    if (in_thread() && choose(64) == 0)
-        return fail_with(EINTR);
-    if (try_take(sem))
-        return 0;
-    check(in_thread(), "the main thread would wait for ever");
-    current->semaphore = &sem;
-    current->timed = deadline != nullptr;
-    leave();
-    current->semaphore = nullptr;
-    if (deadline != nullptr && (sem.value == 0 || choose(8) == 0)) {
-        s.time = std::max(s.time, static_cast<uint64_t>(deadline->tv_sec) * 1'000'000'000 +
-                                      static_cast<uint64_t>(deadline->tv_nsec));
-        return fail_with(ETIMEDOUT);
-    }
-    try_take(sem);
-    return 0;
+    return in_thread() && choose(64) == 0;
 }
 
 } // namespace
@@ -471,95 +466,74 @@ void kfx_sched_point(const void *field)
 
 int __wrap_pthread_mutex_init(void *mutex, const void *)
 {
-    model_of<mutex_model>(mutex).owner = nullptr;
-    return 0;
+    return set_up(mutex, 0);
 }
 
 int __wrap_pthread_mutex_destroy(void *mutex)
 {
-    check(model_of<mutex_model>(mutex).owner == nullptr && !is_awaited(mutex),
-          "a mutex in use is destroyed");
-    return 0;
+    check(static_cast<model *>(mutex)->taken == 0, "a locked mutex is destroyed");
+    return tear_down(mutex);
 }
 
 int __wrap_pthread_mutex_lock(void *mutex)
 {
-    auto &m = model_of<mutex_model>(mutex);
-    point();
-    if (try_lock(m))
-        return 0;
-    check(in_thread() && m.owner != current, "a mutex is locked that this thread holds");
-    current->mutex = &m;
-    leave();
-    current->mutex = nullptr;
-    try_lock(m);
+    model &m = at_point(mutex);
+    check(m.taken == 0 || m.owner != current, "a mutex is locked that this thread holds");
+    take(m, false);
     return 0;
 }
 
-int __wrap_pthread_mutex_trylock(void *mutex)
-{
-    auto &m = model_of<mutex_model>(mutex);
-    point();
-    return try_lock(m) ? 0 : EBUSY;
-}
-
-// Points before and after: what a lock guards, and what follows the release without one, shows.
 int __wrap_pthread_mutex_unlock(void *mutex)
 {
-    auto &m = model_of<mutex_model>(mutex);
-    point();
-    check(m.owner == current, "a mutex is unlocked that another thread holds");
-    release(&m);
-    m.owner = nullptr;
-    point();
-    return 0;
+    model &m = at_point(mutex);
+    check(m.taken == 1 && m.owner == current, "a mutex is unlocked that this thread does not hold");
+    return give(m);
 }
 
 int __wrap_sem_init(void *sem, int, unsigned value)
 {
-    model_of<semaphore_model>(sem).value = value;
-    return 0;
+    return set_up(sem, 1 - static_cast<int>(value));
 }
 
 int __wrap_sem_destroy(void *sem)
 {
-    touch(sem);
-    check(!is_awaited(sem), "a semaphore in use is destroyed");
-    return 0;
+    return tear_down(sem);
 }
 
 int __wrap_sem_post(void *sem)
 {
-    auto &model = model_of<semaphore_model>(sem);
-    point();
-    release(&model);
-    ++model.value;
-    point();
-    return 0;
+    return give(at_point(sem));
 }
 
 int __wrap_sem_wait(void *sem)
 {
-    return wait(model_of<semaphore_model>(sem), nullptr);
+    model &m = at_point(sem);
+    if (is_interrupted())
+        return fail_with(EINTR);
+    take(m, false);
+    return 0;
 }
 
 int __wrap_sem_clockwait(void *sem, clockid_t, const timespec *deadline)
 {
-    return wait(model_of<semaphore_model>(sem), deadline);
+    model &m = at_point(sem);
+    if (is_interrupted())
+        return fail_with(EINTR);
+    if (take(m, true))
+        return 0;
+    s.time = std::max(s.time, static_cast<uint64_t>(deadline->tv_sec) * 1'000'000'000 +
+                                  static_cast<uint64_t>(deadline->tv_nsec));
+    return fail_with(ETIMEDOUT);
 }
 
 int __wrap_sem_trywait(void *sem)
 {
-    auto &model = model_of<semaphore_model>(sem);
-    point();
-    return try_take(model) ? 0 : fail_with(EAGAIN);
+    return try_take(at_point(sem)) ? 0 : fail_with(EAGAIN);
 }
 
 int __wrap_sem_getvalue(void *sem, int *value)
 {
-    auto &model = model_of<semaphore_model>(sem);
-    point();
-    *value = static_cast<int>(model.value);
+    *value = 1 - at_point(sem).taken;
     return 0;
 }
 

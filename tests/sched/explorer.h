@@ -8,8 +8,8 @@
 // What is explored are interleavings: every access takes effect at once, in one order. Reordering by
 // processors is left to the thread sanitizer, which sees the fibers as threads and knows only the
 // orders that the library itself states.
-#ifndef QRN_TESTS_SCHED_H
-#define QRN_TESTS_SCHED_H
+#ifndef QRN_TESTS_EXPLORER_H
+#define QRN_TESTS_EXPLORER_H
 
 #include <cstdint>
 #include <functional>
