@@ -33,12 +33,14 @@ const char *variable(const char *name)
     return std::getenv(name); // NOLINT(concurrency-mt-unsafe)
 }
 
+// In any base that the text shows; what follows the number is ignored, the low 32 bits count.
 qrn_uint_t interval_default()
 {
     const char *text = variable("QRN_MONITOR_INTERVAL");
     return text == nullptr ? 0 : static_cast<qrn_uint_t>(std::strtoul(text, nullptr, 0));
 }
 
+// An unknown name is no error.
 int transport_default()
 {
     const char *text = variable("QRN_MONITOR_TRANSPORT");
@@ -68,7 +70,7 @@ int create(record **attr, int (*initialise)(record *))
     *attr = nullptr;
     auto *made = kfx::alloc_zeroed<record>();
     if (initialise(made) == QRN_FAILURE) {
-        destroy(made);
+        destroy(made); // with what it was given before the failure
         return QRN_FAILURE;
     }
     *attr = made;
@@ -90,10 +92,11 @@ size_t qrn_event_queue_attr_setopt_mask_size(void)
 int qrn_event_queue_attr_init_defaults(record *attr)
 {
     KFX_ASSERT(attr != nullptr, "attr!=NULL");
-    *attr = record{};
+    *attr = record{}; // the pointers of a fresh record mean nothing
     attr->q_purge_on_close = 1;
     attr->mon_interval = interval_default();
     attr->mon_transport_module = transport_default();
+    // Taken as it is: only the option refuses a leading quote.
     attr->mon_transport_opts = qrnev::copy_text(variable("QRN_MONITOR_TRANSPORT_OPTS"));
     attr->mon_appid = qrnev::copy_text(variable("QRN_MONITOR_APPID"));
     attr->setopt_mask = kfx::alloc_zeroed<char>(mask_size);
@@ -103,7 +106,7 @@ int qrn_event_queue_attr_init_defaults(record *attr)
 int qrn_event_queue_attr_clone(record *dest, const record *src)
 {
     release_blocks(dest);
-    *dest = *src;
+    *dest = *src; // the numbers and lengths; each pointer is replaced below
     dest->mon_transport_opts = qrnev::copy_text(src->mon_transport_opts);
     dest->mon_appid = qrnev::copy_text(src->mon_appid);
     dest->setopt_mask = qrnev::copy_bytes(src->setopt_mask, mask_size);

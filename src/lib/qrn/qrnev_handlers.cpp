@@ -98,6 +98,7 @@ bool has_digits_only(const char *text)
     return true;
 }
 
+// What exceeds the range stays at its end; a text without a number is refused.
 bool parse_threshold(const char *text, unsigned long &value)
 {
     char *end = nullptr;
@@ -105,6 +106,7 @@ bool parse_threshold(const char *text, unsigned long &value)
     return end != text;
 }
 
+// The full number counts: 4294967297 is not 1.
 bool parse_switch(const char *text, long &value)
 {
     value = std::strtol(text, nullptr, 10);
@@ -179,6 +181,7 @@ struct text_option {
     message sget_size;
 };
 
+// The queue's name: a text with rules of its own.
 struct name_option {
     message set_long;
     message set_null;
@@ -191,6 +194,7 @@ struct name_option {
     message get_short;
 };
 
+// Opaque bytes.
 struct bytes_option {
     message get_null;
     message get_null_length;
@@ -307,6 +311,8 @@ constexpr bytes_option app_data = {
 };
 
 // --- Fixed-size options ---
+//
+// The caller's memory need not be aligned for the value.
 
 template <class Field, class Typed>
 int set(const fixed_option<Field, Typed> &row, record *attr, const void *optval, size_t optlen)
@@ -354,6 +360,8 @@ int sget(const fixed_option<Field, Typed> &row, record *attr, char *optval, size
 }
 
 // --- Texts ---
+//
+// The typed form is the text too, so its length is not looked at.
 
 // A refused text leaves the option unset: its old value is gone by then.
 int replace(const text_option &row, record *attr, const char *text, const message &quote)
@@ -377,6 +385,7 @@ int sset(const text_option &row, record *attr, const char *optval)
     return replace(row, attr, optval, row.sset_quote);
 }
 
+// An unset text reads as an empty one and leaves the length alone.
 int read(const char *text, char *optval, size_t *optlen, const message &size)
 {
     if (text == nullptr) {
@@ -411,6 +420,7 @@ bool is_name(std::string_view text)
     });
 }
 
+// An empty name is a name; nothing unsets it.
 int rename(const name_option &row, record *attr, const char *name)
 {
     if (!is_name(name))
@@ -440,6 +450,8 @@ int sset(const name_option &row, record *attr, const char *optval)
     return rename(row, attr, optval);
 }
 
+// Unlike other texts, a name tells its length when it is unset, and the room it needs when that is
+// missing; and it fills the buffer with zeros.
 int sget(const name_option &row, record *attr, char *optval, size_t *optlen)
 {
     if (optval == nullptr)
@@ -468,6 +480,9 @@ int get(const name_option &row, record *attr, void *optval, size_t *optlen)
 }
 
 // --- Application data ---
+//
+// The copy is made before the old block ends, so a block may be set from itself. A text is kept
+// with its terminator.
 
 int set(const bytes_option &, record *attr, const void *optval, size_t optlen)
 {
@@ -485,6 +500,7 @@ int sset(const bytes_option &row, record *attr, const char *optval)
     return set(row, attr, optval, optval == nullptr ? 0 : std::strlen(optval) + 1);
 }
 
+// Tells the room it needs when that is missing; adds no terminator.
 int get(const bytes_option &row, record *attr, void *optval, size_t *optlen)
 {
     if (optval == nullptr)
@@ -516,6 +532,9 @@ int qrn_event_queue_validate_name(const char *name)
 }
 
 // --- The handlers ---
+//
+// Each names its row; overloading picks the code. The tables of qrnev_options.cpp point to them, and
+// other modules of the library call them directly.
 
 int qrn_event_queue_attr_q_sz_warn_set(record *attr, const void *optval, size_t optlen)
 {

@@ -229,6 +229,7 @@ size_t find(const entry *rows, const char *optname)
     return row;
 }
 
+// Neighbours in the byte may be marked by other threads meanwhile.
 void mark(char *mask, unsigned bit)
 {
     char &byte = mask[bit / 8];
@@ -239,6 +240,7 @@ void mark(char *mask, unsigned bit)
     while (!kfx::compare_exchange(byte, seen, marked, std::memory_order_relaxed));
 }
 
+// The one sequence of all operations: trace, check, find, call, mark.
 template <class Handler, class Target, class... Args>
 int access(const operation<Handler> &op, Target *target, const char *optname, Args... args)
 {
