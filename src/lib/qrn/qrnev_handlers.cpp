@@ -533,8 +533,8 @@ int qrn_event_queue_validate_name(const char *name)
 
 // --- The handlers ---
 //
-// Each names its row; overloading picks the code. The tables of qrnev_options.cpp point to them, and
-// other modules of the library call them directly.
+// Each names its row; overloading picks the code. The tables of qrnev_options.cpp point to them,
+// and other modules of the library call them directly.
 
 int qrn_event_queue_attr_q_sz_warn_set(record *attr, const void *optval, size_t optlen)
 {
