@@ -13,10 +13,12 @@
 // so a queue in steady flow allocates nothing and one that has drained keeps two segments at most.
 //
 // TOKENS. sem_sz + takers that hold a token and have not looked yet + appends not posted yet = items
-// + stale tokens, stale >= 0. Each append adds a token after its item; a waiting taker gets a token
-// first, then looks. Whoever takes an item without a token (a poll, a pass) tries to take one
-// afterwards; where it cannot, one token is stale, and the taker that gets it finds nothing: -1.
-// Since stale is never negative, every item has a token that is posted, about to be, or held by
+// + stale tokens, stale >= `owed` >= 0. Each append adds a token after its item; a taker that had to
+// wait has a token and takes an item with it. Whoever takes an item without (a taker that found one
+// at once, a poll, a pass) leaves its token stale, and owes it: it takes one while it still holds
+// head_lock, when it can. In full flow that is done for many items at once, since each token costs a
+// cache line that the appenders want too. A taker whose token finds nothing has used up a stale one:
+// -1. Since stale is never negative, every item has a token that is posted, about to be, or held by
 // somebody who will look.
 //
 // WAITING. A taker that finds no token looks for one for a while, then parks on `park`. `idle` counts
@@ -135,10 +137,15 @@ constexpr bool needs_wake(qrn_uint_t idle)
     return somebody_is_parked(idle) && !somebody_looks(idle);
 }
 
+// How often a taker looks for a token before it parks. And: so many items in a row without finding the
+// queue empty are full flow, and so many tokens are then taken at once. Small where a test build plays
+// through the schedules, so that they get there.
 #ifdef KFX_SCHED_POINTS
 constexpr int spins = 2;
+constexpr qrn_uint_t full_flow = 2;
 #else
 constexpr int spins = 300;
+constexpr qrn_uint_t full_flow = 32;
 #endif
 
 void relax()
@@ -269,6 +276,32 @@ bool wait_for_token(qrn_tl_queue_t *q, const struct timespec *deadline)
     }
 }
 
+// Takes the tokens that are owed, as far as they are posted. Under head_lock.
+void settle_tokens(qrn_tl_queue_t *q)
+{
+    while (q->owed != 0 && try_token(q))
+        --q->owed;
+}
+
+// After an item was taken without a token. Under head_lock.
+void owe_token(qrn_tl_queue_t *q)
+{
+    ++q->owed;
+    if (q->flow < full_flow)
+        ++q->flow;
+    if (q->flow < full_flow || q->owed >= full_flow)
+        settle_tokens(q);
+}
+
+// After the queue was found empty. Under head_lock.
+void end_flow(qrn_tl_queue_t *q, bool has_token)
+{
+    q->flow = 0;
+    if (has_token && q->owed != 0)
+        --q->owed;
+    settle_tokens(q);
+}
+
 // --- The descriptor ------------------------------------------------------------------------------
 
 // Under head_lock, or with an item that this thread has just linked.
@@ -309,15 +342,14 @@ void prefetch(const node *n)
     __builtin_prefetch(item + 64);
 }
 
-// Takes the first item; false when there is none. Without a token of its own it takes one while it
-// holds the lock: later, one that finds nothing might have used up the stale token, and the one taken
-// would belong to an item.
+// Takes the first item, with or without a token; false when there is none.
 bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo,
                 bool has_token)
 {
     kfx::lock_guard head(q->head_lock);
     node *first = after(q->head);
     if (first == nullptr) {
+        end_flow(q, has_token);
         update_fd(q); // a pass that an exception cut short may have left it readable
         return false;
     }
@@ -326,7 +358,7 @@ bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t 
     retire(q, q->head);
     q->head = first;
     if (!has_token)
-        try_token(q);
+        owe_token(q);
     update_fd(q);
     if (cbinfo != nullptr)
         cbinfo->cbproc(*value, cbinfo->clientd);
@@ -342,6 +374,8 @@ int take_now(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cb
 int take_waiting(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo,
                  const struct timespec *deadline)
 {
+    if (take_first(q, value, cbinfo, false))
+        return 0;
     if (!try_token(q) && !wait_for_token(q, deadline))
         return -1;
     return take_first(q, value, cbinfo, true) ? 0 : -1;
@@ -364,7 +398,8 @@ void unlink_after(qrn_tl_queue_t *q, node *prev)
         prev->next = next;
     }
     retire(q, gone);
-    try_token(q);
+    ++q->owed;
+    settle_tokens(q);
 }
 
 node *last_node(qrn_tl_queue_t *q)

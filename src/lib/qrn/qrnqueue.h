@@ -55,6 +55,8 @@ typedef struct qrn_tl_queue_t_stct {
     sem_t park;              /* what parked takers sleep on */
     kfx_mutex_t fd_lock;     /* innermost; taken only while the descriptor is in use */
     alignas(64) void *spare; /* an emptied segment on its way back to the appenders, or null */
+    qrn_uint_t owed;         /* stale tokens known of: TOKENS in qrnqueue.cpp; under `head_lock` */
+    qrn_uint_t flow;         /* takes since the queue was last found empty; under `head_lock` */
 } qrn_tl_queue_t;
 
 /* A new, empty queue; null when memory or a system object ran out. */
