@@ -441,6 +441,33 @@ TEST_F(Mon, MisuseIsAnError)
     qrn_automon_sctl_destroy(); // one too many
 }
 
+double seconds_of(clockid_t clock)
+{
+    timespec now{};
+    clock_gettime(clock, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+// No burst overruns the receiver. Prints what sampling costs.
+TEST_F(Mon, AHundredQueuesAreSampledEachSecond)
+{
+    std::vector<std::unique_ptr<Queue>> queues;
+    for (int i = 0; i < 100; ++i)
+        queues.push_back(std::make_unique<Queue>("count svc age monitor=1 topts=" + in.options()));
+    double real = seconds_of(CLOCK_MONOTONIC);
+    double used = seconds_of(CLOCK_PROCESS_CPUTIME_ID);
+    std::map<std::string, int> next;
+    for (int received = 0; received < 500; ++received) {
+        fields row = in.row();
+        EXPECT_EQ(row["seq"], std::to_string(++next[row["queue_id"]])) << row["queue_id"];
+    }
+    real = seconds_of(CLOCK_MONOTONIC) - real;
+    used = seconds_of(CLOCK_PROCESS_CPUTIME_ID) - used;
+    EXPECT_EQ(next.size(), 100U);
+    std::printf("100 queues sampled and received for %.1f s: %.2f %% of a processor\n", real,
+                100 * used / real);
+}
+
 std::latch *entered, *go_on;
 std::atomic<bool> left_queue;
 

@@ -221,8 +221,7 @@ private:
             throw failure(with_reason("cannot write " + opts_.prom));
         if (opts_.plot.empty())
             return;
-        std::string folder = opts_.plot.substr(0, opts_.plot.find_last_of('/') + 1);
-        if (access(folder.empty() ? "." : folder.c_str(), W_OK) != 0)
+        if (!can_replace(opts_.plot))
             throw failure(with_reason("cannot write " + opts_.plot));
         if (!can_plot())
             throw failure("cannot draw " + opts_.plot + ": gnuplot cannot be run");

@@ -16,9 +16,21 @@ std::string with_reason(const std::string &what)
     return what + ": " + std::strerror(errno);
 }
 
+std::string aside_of(const std::string &path)
+{
+    return path + ".new." + std::to_string(getpid());
+}
+
+bool can_replace(const std::string &path)
+{
+    std::string aside = aside_of(path);
+    descriptor file(open(aside.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+    return file.get() >= 0 && unlink(aside.c_str()) == 0;
+}
+
 bool replace_file(const std::string &path, std::string_view text)
 {
-    std::string aside = path + ".new." + std::to_string(getpid());
+    std::string aside = aside_of(path);
     descriptor file(open(aside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
     if (file.get() < 0)
         return false;

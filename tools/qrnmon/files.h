@@ -42,6 +42,12 @@ std::string with_reason(const std::string &what);
 // Writes a file aside and renames it into place, so that nobody sees half of it. False with errno.
 bool replace_file(const std::string &path, std::string_view text);
 
+// Where a file is written before it is renamed to `path`.
+std::string aside_of(const std::string &path);
+
+// Whether a file can be written there. False with errno.
+bool can_replace(const std::string &path);
+
 // Appends rows to a file. When the disk is full rows are left out, whole ones, until it is not.
 class csv_file {
 public:

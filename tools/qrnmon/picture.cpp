@@ -185,7 +185,7 @@ std::string draw_picture(const book &of, const std::string &path)
 {
     if (plotted(of).empty())
         return path + " was not drawn: fewer than two records of any queue";
-    std::string aside = path + ".new." + std::to_string(getpid());
+    std::string aside = aside_of(path);
     int status = run_gnuplot(plot_script(of, aside));
     if (status == 127)
         return path + " was not drawn: gnuplot cannot be run";
