@@ -13,13 +13,15 @@
 // so a queue in steady flow allocates nothing and one that has drained keeps two segments at most.
 //
 // TOKENS. sem_sz + takers that hold a token and have not looked yet + appends not posted yet = items
-// + stale tokens, stale >= `owed` >= 0. Each append adds a token after its item; a taker that had to
-// wait has a token and takes an item with it. Whoever takes an item without (a taker that found one
-// at once, a poll, a pass) leaves its token stale, and owes it: it takes one while it still holds
-// head_lock, when it can. In full flow that is done for many items at once, since each token costs a
-// cache line that the appenders want too. A taker whose token finds nothing has used up a stale one:
-// -1. Since stale is never negative, every item has a token that is posted, about to be, or held by
-// somebody who will look.
+// + stale tokens, where stale = owed + offered + credit >= 0. An append adds a token after its item; a
+// taker that had to wait has a token and takes an item with it. Whoever takes an item without (a taker
+// that found one at once, a poll, a pass) leaves its token stale, and owes it: it takes one while it
+// still holds head_lock, when it can. In full flow it offers the stale tokens to the appenders
+// instead, many at once, and an append that has the credit of one uses it and posts none: then neither
+// end touches the semaphore, whose cache line would go to and fro. A taker whose token finds nothing
+// has used up a stale one: -1. It ends the flow: what was lent is taken back and settled. Since stale
+// is never negative, every item has a token that is posted, about to be, or held by somebody who will
+// look.
 //
 // WAITING. A taker that finds no token looks for one for a while, then parks on `park`. `idle` counts
 // both kinds. An append wakes one parked taker, and only when nobody is looking: a looker will see the
@@ -29,7 +31,7 @@
 // waker's post.
 //
 // No wake-up is lost, by two rules. W1: a taker that parks announces it in `idle`, then tries once
-// more for a token; an append posts its token, then reads `idle`; one of the two sees the other.
+// more for a token; an append sees to its token, then reads `idle`; one of the two sees the other.
 // W2: whoever leaves the looking or parked state, by whatever way, wakes one of the parked when
 // tokens remain and nobody looks, because an append may have left a token to the one who leaves.
 //
@@ -48,6 +50,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -138,14 +141,18 @@ constexpr bool needs_wake(qrn_uint_t idle)
 }
 
 // How often a taker looks for a token before it parks. And: so many items in a row without finding the
-// queue empty are full flow, and so many tokens are then taken at once. Small where a test build plays
+// queue empty are full flow, and so many tokens are then offered at once, up to a bound. Small where a test build plays
 // through the schedules, so that they get there.
 #ifdef KFX_SCHED_POINTS
+constexpr int eager_spins = 1;
 constexpr int spins = 2;
 constexpr qrn_uint_t full_flow = 2;
+constexpr qrn_uint_t most_offered = 4;
 #else
+constexpr int eager_spins = 100;
 constexpr int spins = 300;
 constexpr qrn_uint_t full_flow = 32;
+constexpr qrn_uint_t most_offered = 1024;
 #endif
 
 void relax()
@@ -169,9 +176,9 @@ bool tokens_remain(qrn_tl_queue_t *q)
     return tokens > 0;
 }
 
-// Reads `idle` after a token was posted (rule W1). The post is a full barrier on x86; elsewhere a
-// read-modify-write puts this read and the announcement of a parking taker into one order.
-qrn_uint_t idle_after_post(qrn_tl_queue_t *q)
+// Reads `idle` after an append (rule W1). On x86 the unlocking and the post are full barriers; elsewhere
+// a read-modify-write puts this read and the announcement of a parking taker into one order.
+qrn_uint_t idle_after_append(qrn_tl_queue_t *q)
 {
 #ifdef __x86_64__
     return kfx::load(q->idle, std::memory_order_seq_cst);
@@ -220,13 +227,14 @@ void leave_parked(qrn_tl_queue_t *q)
     }
 }
 
-// Looks for a token for a while: long enough that a producer in full flow finds its dispatcher awake.
-bool look_for_token(qrn_tl_queue_t *q)
+// Looks for a token so many times.
+bool look_for_token(qrn_tl_queue_t *q, int times, bool relaxed)
 {
-    for (int i = 0; i < spins; ++i) {
+    for (int i = 0; i < times; ++i) {
         if (try_token(q))
             return true;
-        relax();
+        if (relaxed)
+            relax();
     }
     return false;
 }
@@ -262,12 +270,15 @@ bool park(qrn_tl_queue_t *q, qrn_uint_t instead_of, const struct timespec *deadl
 bool wait_for_token(qrn_tl_queue_t *q, const struct timespec *deadline)
 {
     bool got = false;
-    if (!somebody_looks(kfx::load(q->idle)))
+    qrn_uint_t idle = kfx::load(q->idle);
+    if (idle == 0 && look_for_token(q, eager_spins, false))
+        return true; // alone, so nobody needed to know
+    if (!somebody_looks(idle))
         kfx::add(q->idle, one_looking);
     else if (!park(q, 0, deadline, &got))
         return got;
     for (;;) {
-        if (look_for_token(q)) {
+        if (look_for_token(q, spins, true)) {
             leave_looking(q);
             return true;
         }
@@ -287,19 +298,47 @@ void settle_tokens(qrn_tl_queue_t *q)
 void owe_token(qrn_tl_queue_t *q)
 {
     ++q->owed;
-    if (q->flow < full_flow)
+    if (q->flow < full_flow) {
         ++q->flow;
-    if (q->flow < full_flow || q->owed >= full_flow)
         settle_tokens(q);
+    } else if (q->owed >= full_flow) {
+        if (kfx::load(q->offered) < most_offered)
+            kfx::add(q->offered, std::exchange(q->owed, 0));
+        else
+            settle_tokens(q);
+    }
+}
+
+// Takes back what was lent to the appenders. Under head_lock.
+void call_in_tokens(qrn_tl_queue_t *q)
+{
+    kfx::lock_guard tail(q->tail_lock);
+    q->owed += kfx::exchange(q->offered, 0, std::memory_order_relaxed);
+    q->owed += std::exchange(q->credit, 0);
 }
 
 // After the queue was found empty. Under head_lock.
 void end_flow(qrn_tl_queue_t *q, bool has_token)
 {
-    q->flow = 0;
+    if (std::exchange(q->flow, 0) >= full_flow)
+        call_in_tokens(q);
     if (has_token && q->owed != 0)
         --q->owed;
     settle_tokens(q);
+}
+
+// Whether a stale token stands for the item that is appended. Under tail_lock.
+bool use_credit(qrn_tl_queue_t *q)
+{
+    if (q->credit == 0) {
+        if (kfx::load(q->offered) == 0)
+            return false;
+        q->credit = kfx::exchange(q->offered, 0, std::memory_order_relaxed);
+        if (q->credit == 0)
+            return false;
+    }
+    --q->credit;
+    return true;
 }
 
 // --- The descriptor ------------------------------------------------------------------------------
@@ -512,6 +551,7 @@ bool init_locks(qrn_tl_queue_t *q)
 [[gnu::weak]] int qrn_tl_queue_enqueue(qrn_tl_queue_t *q, void *value)
 {
     int fd = -1;
+    bool has_credit = false;
     {
         kfx::lock_guard tail(q->tail_lock);
         node *n = cut_node(q);
@@ -522,11 +562,13 @@ bool init_locks(qrn_tl_queue_t *q)
         kfx::store(q->tail->next, n, std::memory_order_release); // publishes, to after()
         q->tail = n;
         fd = q->fd;
+        has_credit = use_credit(q);
     }
     if (fd != -1) [[unlikely]]
         show_queued(q, fd);
-    sem_post(&q->sem_sz);
-    wake_one(q, idle_after_post(q));
+    if (!has_credit)
+        sem_post(&q->sem_sz);
+    wake_one(q, idle_after_append(q));
     return 0;
 }
 

@@ -49,13 +49,15 @@ typedef struct qrn_tl_queue_t_stct {
     /* Private. */
     qrn_tl_queue_node_t *fresh;     /* next node of the tail's segment; under `tail_lock` */
     qrn_tl_queue_node_t *fresh_end; /* where that segment ends; under `tail_lock` */
+    qrn_uint_t credit;              /* stale tokens for the next appends; under `tail_lock` */
     alignas(64) qrn_uint_t idle; /* takers that look and that are parked: WAITING in qrnqueue.cpp */
     int fd;                  /* written under both end locks, read under either; -1: not in use */
     int fd_readable;         /* under `fd_lock` */
     sem_t park;              /* what parked takers sleep on */
     kfx_mutex_t fd_lock;     /* innermost; taken only while the descriptor is in use */
     alignas(64) void *spare; /* an emptied segment on its way back to the appenders, or null */
-    qrn_uint_t owed;         /* stale tokens known of: TOKENS in qrnqueue.cpp; under `head_lock` */
+    qrn_uint_t offered;      /* stale tokens on the same way: TOKENS in qrnqueue.cpp */
+    qrn_uint_t owed;         /* stale tokens known of; under `head_lock` */
     qrn_uint_t flow;         /* takes since the queue was last found empty; under `head_lock` */
 } qrn_tl_queue_t;
 
