@@ -282,6 +282,19 @@ TEST(Schedules, AppendAgainstBlockingTake)
     });
 }
 
+// Long enough for a flow in which takers offer their tokens, and for two of them.
+TEST(Schedules, FullFlowAgainstAppendAndTake)
+{
+    explore([] {
+        items q;
+        q.producer(1, 7);
+        q.producer(11, 5);
+        q.taker();
+        q.taker();
+        q.finish(12);
+    });
+}
+
 TEST(Schedules, TwoTakersOneItem)
 {
     explore([] {
