@@ -1,0 +1,345 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// One object of each kind that events refer to, with callbacks that keep a journal, and the services
+// around the module as fakes: a clock that stands until a test moves it, a descriptor manager and
+// a timer module that only write down what they are told. For programs of one source file.
+#ifndef QRN_TESTS_OBJECTS_H
+#define QRN_TESTS_OBJECTS_H
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstring>
+#include <functional>
+#include <tuple>
+
+#include "qrnev.h"
+#include "qrnobj.h"
+#include "support.h"
+
+namespace test {
+
+inline constexpr int ticks_per_usec = 10;
+inline std::atomic<uint64_t> ticks = 1000; // the clock
+inline std::atomic<int> stamps = 0;        // how often it was read
+
+// Callbacks, descriptors, timer ids, consumed messages, in order: lines of what().
+inline journal done;
+
+} // namespace test
+
+extern "C" {
+
+void kfx_hrtime_timestamp(kfx_hrtime_t *ts)
+{
+    ++test::stamps;
+    ts->tsc_ticks = test::ticks;
+}
+void kfx_hrtime_delta(const kfx_hrtime_t *start, const kfx_hrtime_t *end, kfx_hrtime_ivl_t *ivl)
+{
+    *ivl = end->tsc_ticks - start->tsc_ticks;
+}
+void kfx_hrtime_delta_usec(const kfx_hrtime_ivl_t *ivl, qrn_ulong_t *usec)
+{
+    *usec = *ivl / test::ticks_per_usec;
+}
+int qrn_fd_suspend(qrn_fd_t *fdm, qrn_handle_t handle, qrn_ulong_t ev)
+{
+    return test::done.note("suspend", fdm, handle, ev);
+}
+int qrn_fd_resume(qrn_fd_t *fdm, qrn_handle_t handle, qrn_ulong_t ev)
+{
+    return test::done.note("resume", fdm, handle, ev);
+}
+int qrn_timer_push_free_id(qrn_timer_t *timer, int id)
+{
+    return test::done.note("free id", timer, id);
+}
+
+} // extern "C"
+
+namespace test {
+
+enum : int { MSG = 1, TIMER, IO, SRC, REQ, UNBLOCK, IMSG, WRCV, CANCEL, CTX_SRC, CALLBACK, BUNDLE };
+
+inline constexpr auto has_msg = [](int t) {
+    return t == MSG || t == WRCV || t == REQ || t == IMSG;
+};
+inline constexpr auto has_callback = [](int t) { return t != UNBLOCK && t != CANCEL; };
+// Whether a queue that is shut down declines it.
+inline constexpr auto is_declined = [](int t) { return has_callback(t) && t != CALLBACK; };
+
+// The figures of a type; unblock events have no times.
+struct figures {
+    long now, tot;
+    kfx_hrtime_ivl_t min, mean, max;
+    bool operator==(const figures &) const = default;
+};
+inline constexpr kfx_hrtime_ivl_t no_sample = ~kfx_hrtime_ivl_t{0};
+using Q = qrn_event_queue_t;
+inline constexpr long Q::*counter_of[BUNDLE] = {
+    nullptr,           &Q::data_msgs,     &Q::timer_events,          &Q::io_events,
+    &Q::source_events, &Q::resp_msgs,     &Q::unblock_events,        &Q::topicless_im_msgs,
+    &Q::wrcv_msgs,     &Q::cancel_events, &Q::context_source_events, &Q::callback_events};
+inline figures figures_of(qrn_event_queue_t *evq, int type)
+{
+    figures out;
+    std::memcpy(&out, static_cast<const void *>(&(evq->*counter_of[type])), sizeof out);
+    return out;
+}
+
+// Counts by type.
+using counts = std::array<long, BUNDLE>;
+inline counts counts_of(qrn_event_queue_t *evq, long figures::*which = &figures::now)
+{
+    counts out{};
+    for (int type = MSG; type < BUNDLE; ++type)
+        out[static_cast<size_t>(type)] = figures_of(evq, type).*which;
+    return out;
+}
+// What one event of a type adds to them; a bundle here has two data messages and a wildcard one.
+inline void count(counts &to, int type)
+{
+    to[static_cast<size_t>(type == BUNDLE ? MSG : type)] += type == BUNDLE ? 2 : 1;
+    to[WRCV] += type == BUNDLE;
+}
+
+inline qrn_event_t *first_event(qrn_event_queue_t *evq)
+{
+    const qrn_tl_queue_node_t *node = evq->q->head->next;
+    return node == nullptr ? nullptr : static_cast<qrn_event_t *>(node->value);
+}
+
+// A record that no enqueue operation made.
+inline qrn_event_t *hand_made(qrn_event_queue_t *evq, int type)
+{
+    qrn_event_t *ev = kfx::alloc_zeroed<qrn_event_t>();
+    ev->type = type;
+    ev->evq = evq;
+    return ev;
+}
+
+// The kinds of object that events are purged by and cancelled for, each under the type of its own
+// events; a timer is number 37, a descriptor number 7 with mask 2.
+using cancel_info = qrn_event_queue_cancel_cb_info_t;
+template <class T, auto op, auto... keys>
+int purge_as(Q *q, void *object)
+{
+    return op(q, static_cast<T *>(object), keys...);
+}
+template <class T, auto op, auto... keys>
+int cancel_as(void *object, cancel_info *info)
+{
+    return op(static_cast<T *>(object), keys..., info);
+}
+inline constexpr struct kind {
+    int type;
+    int (*purge)(Q *, void *object);
+    int (*cancel)(void *object, cancel_info *);
+} kinds[] = {
+    {MSG, purge_as<qrn_rcv_t, qrn_evq_purge_rcv>, cancel_as<qrn_rcv_t, qrn_evq_cancel_cb_rcv>},
+    {WRCV, purge_as<qrn_wildcard_rcv_t, qrn_evq_purge_wrcv>,
+     cancel_as<qrn_wildcard_rcv_t, qrn_evq_cancel_cb_wrcv>},
+    {SRC, purge_as<qrn_src_t, qrn_evq_purge_src>, cancel_as<qrn_src_t, qrn_evq_cancel_cb_src>},
+    {REQ, purge_as<qrn_request_t, qrn_evq_purge_req>,
+     cancel_as<qrn_request_t, qrn_evq_cancel_cb_req>},
+    {CTX_SRC, purge_as<qrn_context_t, qrn_evq_purge_ctx_src>,
+     cancel_as<qrn_context_t, qrn_evq_cancel_cb_ctx_src>},
+    {TIMER, purge_as<qrn_context_t, qrn_evq_purge_timer, 37>,
+     cancel_as<qrn_context_t, qrn_evq_cancel_cb_timer, 37>},
+    {IO, purge_as<qrn_context_t, qrn_evq_purge_io, 7, 2UL>,
+     cancel_as<qrn_context_t, qrn_evq_cancel_cb_io, 7, 2UL>},
+};
+
+struct World {
+    qrn_fd_t fdm{};
+    uint32_t xmap[2]{};
+    qrn_timer_heap_t heap{};
+    qrn_timer_t timer{};
+    qrn_context_t ctx{};
+    qrn_rcv_t rcv{};
+    qrn_wildcard_rcv_t wrcv{};
+    qrn_src_t src{};
+    qrn_request_t req{};
+    int id = 37;
+    qrn_ulong_t recurring = 0, readiness = 3;
+    qrn_uint_t sequence = 0;
+    // Of the last event:
+    qrn_event_queue_t *queue = nullptr;
+    void *payload = nullptr;
+    // What callbacks do and give back.
+    std::function<int(int type)> act = [](int) { return 0; };
+
+    World()
+    {
+        heap.xmap = xmap;
+        timer.hp = &heap;
+        ctx.fdm = &fdm;
+        ctx.timer = &timer;
+        ctx.rcv_delivery_batching_cb = on<BUNDLE>;
+        ctx.rcv_delivery_batching_clientd = wrcv.cd = req.clientd = this;
+        rcv.ctx = wrcv.ctx = src.ctx = req.ctx = &ctx;
+        wrcv.rcvproc = on<WRCV>;
+        req.proc = on<REQ>;
+    }
+    World(const World &) = delete;
+
+    int enqueue(qrn_event_queue_t *evq, int type)
+    {
+        static constexpr int (*operations[])(World &, qrn_event_queue_t *) = {
+            nullptr,
+            [](World &w, Q *q) {
+                return qrn_evq_enq_msg_with_proc(q, &w.rcv, on<MSG>, w.new_msg(), &w);
+            },
+            [](World &w, Q *q) {
+                return qrn_evq_enq_timer(q, &w.ctx, w.id, &w, on<TIMER>, w.recurring);
+            },
+            [](World &w, Q *q) { return qrn_evq_enq_io(q, &w.ctx, 7, w.readiness, &w, on<IO>); },
+            [](World &w, Q *q) {
+                return qrn_evq_enq_src(q, &w.src, 42, &w, w.new_block(), 1, on<SRC>);
+            },
+            [](World &w, Q *q) { return qrn_evq_enq_req(q, &w.req, w.new_msg()); },
+            [](World &, Q *q) { return qrn_event_dispatch_unblock(q); },
+            [](World &w, Q *q) { return qrn_evq_enq_imsg(q, &w.ctx, w.new_msg(), &w, on<IMSG>); },
+            [](World &w, Q *q) { return qrn_evq_enq_wrcv_msg(q, &w.wrcv, w.new_msg()); },
+            [](World &w, Q *q) { return qrn_evq_enq_cancel(q, &w.ctx, w.new_block()); },
+            [](World &w, Q *q) {
+                return qrn_evq_enq_ctx_src(q, &w.ctx, 43, &w, w.new_block(), 1, on<CTX_SRC>);
+            },
+            [](World &w, Q *q) { return qrn_evq_enq_callback(q, on_callback, on_discard, &w); },
+            [](World &w, Q *q) {
+                return qrn_evq_enq_msg_bundle(q, w.new_bundle({MSG, MSG, WRCV}));
+            },
+        };
+        queue = evq;
+        return operations[type](*this, evq);
+    }
+
+    void *object(int kind)
+    {
+        void *const objects[] = {nullptr, &rcv,    &ctx,  &ctx,    &src, &req,
+                                 nullptr, nullptr, &wrcv, nullptr, &ctx};
+        return objects[kind];
+    }
+    // Releases the payload of an event that was not accepted.
+    void drop(int type)
+    {
+        if (has_msg(type))
+            qrn_msg_delete(static_cast<qrn_msg_t *>(payload));
+        else if (type == BUNDLE)
+            qrn_event_bundle_delete(static_cast<qrn_event_bundle_t *>(payload));
+        else if (type == SRC || type == CTX_SRC || type == CANCEL)
+            std::free(payload);
+    }
+
+    // The journal's lines for the last event, which was of this type: its callback, and what follows.
+    std::string called(int type)
+    {
+        const std::string lines[] = {
+            "",
+            what("MSG", &rcv, payload, this),
+            what("TIMER", &ctx, this),
+            what("IO", &ctx, 7, readiness, this),
+            what("SRC", &src, 42, payload, this),
+            what("REQ", &req, payload, this),
+            "",
+            what("IMSG", &ctx, payload, this),
+            what("WRCV", 0, payload, this),
+            "",
+            what("CTX_SRC", &ctx, 43, payload, this),
+            what("CALLBACK", queue, this),
+            what("BUNDLE", payload, this),
+        };
+        return lines[type];
+    }
+    strings settled(int type, bool id_is_free = true)
+    {
+        if (has_msg(type))
+            return {what("consumed", payload)};
+        if (type == IO)
+            return {what("resume", &fdm, 7, readiness)};
+        if (type == TIMER && id_is_free)
+            return {what("free id", &timer, id)};
+        return {};
+    }
+
+    void *new_block() { return payload = kfx::alloc<long>(); }
+    qrn_msg_t *new_msg(int type = QRN_MSG_TYPE_DATA)
+    {
+        qrn_msg_t *msg = qrn_msg_create(type, "topic", "x", 1, sequence++);
+        qrn_msg_set_wqx_cr(
+            msg, [](qrn_msg_t *m, void *) { done.note("consumed", m); }, nullptr);
+        payload = msg;
+        return msg;
+    }
+    // Puts a message for this object's receiver into a bundle.
+    void add(qrn_event_bundle_t *bundle, int type)
+    {
+        qrn_event_t &ev = bundle->events[bundle->num_events++];
+        ev = {};
+        ev.type = type;
+        ev.ctx = &ctx;
+        if (type == MSG)
+            ev.info.msg = {&rcv, new_msg(), this, on<MSG>};
+        else
+            ev.info.wrcv_msg = {&wrcv, new_msg(), this, on<WRCV>};
+        ++(type == MSG ? bundle->data_msgs : bundle->wrcv_msgs);
+    }
+    qrn_event_bundle_t *new_bundle(std::initializer_list<int> types)
+    {
+        qrn_event_bundle_t *bundle = qrn_event_bundle_create(&ctx);
+        for (int type : types)
+            add(bundle, type);
+        payload = bundle;
+        return bundle;
+    }
+
+    // The callbacks: client data is their last argument.
+    static constexpr const char *names[] = {"",        "MSG",      "TIMER", "IO",   "SRC",
+                                            "REQ",     "UNBLOCK",  "IMSG",  "WRCV", "CANCEL",
+                                            "CTX_SRC", "CALLBACK", "BUNDLE"};
+    template <int type, class... Args>
+    static int on(Args... args)
+    {
+        done.note(names[type], args...);
+        const void *clientd = std::get<sizeof...(args) - 1>(std::tie(args...));
+        return static_cast<const World *>(clientd)->act(type);
+    }
+    static void on_callback(qrn_event_queue_t *evq, void *cd) { on<CALLBACK>(evq, cd); }
+    static void on_discard(qrn_event_queue_t *evq, void *cd) { done.note("discard", evq, cd); }
+};
+
+class EventFixture : public Fixture {
+protected:
+    World world;
+
+    void TearDown() override
+    {
+        done.take();
+        Fixture::TearDown();
+    }
+};
+
+// Calls `op` with each argument in turn null that has an entry in `exprs`, and expects that check.
+template <class... Args>
+void check_nulls(const std::array<const char *, sizeof...(Args)> &exprs, int (*op)(Args...),
+                 std::type_identity_t<Args>... args)
+{
+    const auto check = [&](auto i) {
+        std::tuple<Args...> with_null(args...);
+        std::get<i>(with_null) = {};
+        const auto call = [&] { std::apply(op, with_null); };
+        EXPECT_EQ(exprs[i] == nullptr ? "" : check_failed_by(call),
+                  exprs[i] == nullptr ? "" : exprs[i])
+            << i;
+    };
+    [&]<size_t... i>(std::index_sequence<i...>)
+    {
+        (check(std::integral_constant<size_t, i>{}), ...);
+    }
+    (std::index_sequence_for<Args...>{});
+}
+
+} // namespace test
+
+#endif
