@@ -93,10 +93,10 @@ void settle(qrn_evq_cancel_cb_t *cbinfo)
               static_cast<unsigned>(cbinfo->dispatch_thrd_cnt));
     if (cbinfo->dispatch_thrd_cnt > 0)
         return;
-    KFX_ASSERT(cbinfo->cbproc != nullptr, "cbinfo->cbproc != NULL");
-    KFX_CHECK(cbinfo->dispatch_thrd_cnt == 0, "cbinfo->dispatch_thrd_cnt==0");
     qrn_evq_cancel_cb_t call = *cbinfo;
-    std::free(cbinfo);
+    std::free(cbinfo); // first: what follows may throw
+    KFX_ASSERT(call.cbproc != nullptr, "cbinfo->cbproc != NULL");
+    KFX_CHECK(call.dispatch_thrd_cnt == 0, "cbinfo->dispatch_thrd_cnt==0");
     probe::cancelled(call.clientd, 1);
     call.cbproc(1, call.clientd);
 }
