@@ -271,7 +271,7 @@ std::string record(const Sample &from)
 strings three_queues()
 {
     strings out;
-    for (uint64_t seq : {1, 2})
+    for (uint64_t seq : {1UL, 2UL})
         for (Sample s : {Sample{"orders", seq, 100 * seq, 3 * seq, 1200, 1000, 1},
                          Sample{"quotes-of-a-very-long-name", seq, 150'000 * seq, 0},
                          Sample{"audit", seq, 7, 7, 61'000'000}})

@@ -26,9 +26,13 @@ using strings = std::vector<std::string>;
 template <class... Args>
 std::string text(const char *fmt, Args... args)
 {
-    char buf[1024];
-    kfx_snprintf(buf, sizeof buf, fmt, args...);
-    return buf;
+    if constexpr (sizeof...(args) == 0) {
+        return fmt;
+    } else {
+        char buf[1024];
+        kfx_snprintf(buf, sizeof buf, fmt, args...);
+        return buf;
+    }
 }
 
 // What happened, and with which arguments.

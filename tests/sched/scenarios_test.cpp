@@ -65,7 +65,7 @@ void catch_crashes()
     const stack_t alternate = {stack, 0, sizeof stack};
     sigaltstack(&alternate, nullptr);
     struct sigaction action = {};
-    action.sa_flags = SA_ONSTACK | SA_RESETHAND;
+    action.sa_flags = static_cast<int>(SA_ONSTACK | SA_RESETHAND);
     action.sa_handler = [](int signal) {
         say_seed();
         raise(signal);
@@ -719,7 +719,7 @@ void lost_update()
     check(count == 2, "lost update");
 }
 
-void early_free()
+[[maybe_unused]] void early_free()
 {
     int *block = static_cast<int *>(std::calloc(1, sizeof(int)));
     spawn([=] { kfx::load(*block); });

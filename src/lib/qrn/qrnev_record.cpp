@@ -17,7 +17,7 @@ namespace {
 constexpr int batch_records = 32;
 constexpr int stash_records = 2 * batch_records;
 constexpr int depot_batches = 128;
-static_assert(sizeof(qrn_event_t) * batch_records * depot_batches < 512 * 1024,
+static_assert(sizeof(qrn_event_t) * batch_records * depot_batches < 524288,
               "what stays behind after a burst is small");
 
 // The address sanitizer can only watch records that end in free at once.
