@@ -190,14 +190,18 @@ public:
         winsize window{to.height, to.width, 0, 0};
         EXPECT_EQ(ioctl(out_, TIOCSWINSZ, &window), 0);
     }
-    void signal(int number) { kill(pid_, number); }
+    void signal(int number)
+    {
+        ASSERT_GT(pid_, 0);
+        kill(pid_, number);
+    }
 
     // Its exit status, once it has ended by itself.
     int status()
     {
         until([this] { return ended_; });
         if (!ended_)
-            kill(pid_, SIGKILL);
+            signal(SIGKILL);
         int status = 0;
         waitpid(std::exchange(pid_, -1), &status, 0);
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
