@@ -121,6 +121,35 @@ TEST_F(DeliverTest, EveryTypeInEveryScenario)
                 expect_delivery(tracking, type, in);
 }
 
+// A call that goes on for long keeps the records of its events for later ones.
+TEST_F(DeliverTest, LongCallsDeliverAlike)
+{
+    Queue queue("count age size=1 cancel");
+    strings expected;
+    const auto enqueue = [&](int type) {
+        ASSERT_EQ(world.enqueue(queue, type), 0);
+        const strings lines = world.settled(type);
+        if (has_callback(type))
+            expected.push_back(world.called(type));
+        expected.insert(expected.end(), lines.begin(), lines.end());
+    };
+    for (int round = 0; round < 3; ++round) {
+        expected.clear();
+        for (int i = 0; i < 40; ++i)
+            enqueue(CALLBACK);
+        for (int type = MSG; type <= 2 * BUNDLE; ++type)
+            if (type % BUNDLE != UNBLOCK)
+                enqueue(type % BUNDLE + (type % BUNDLE == 0) * BUNDLE);
+        enqueue(UNBLOCK);
+        done.take();
+        EXPECT_EQ(qrn_event_dispatch(queue, QRN_EVQ_DISPATCH_BLOCK), 63);
+        EXPECT_EQ(done.take(), expected);
+        EXPECT_EQ(counts_of(queue), counts{});
+        EXPECT_EQ(queue->qsz, 0);
+        EXPECT_EQ(qrn_msg_live(), 0);
+    }
+}
+
 TEST_F(DeliverTest, TimerIdIsGivenBackUnlessTheTimerGoesOn)
 {
     Queue queue;
