@@ -92,20 +92,6 @@ TEST_F(DispatchTest, AnyTimeoutIsTaken)
         EXPECT_EQ(tmo == QRN_EVQ_DISPATCH_BLOCK,
                   lines[1] != text("event_dispatch %p tmo @c %u -> endtv %u %u\n", q, low(tmo),
                                    low(sec + usec / 1'000'000), low(usec % 1'000'000)));
-        // Waiting for it: a callback tells that the thread was there, and it comes back for more.
-        wall = {};
-        std::binary_semaphore ran(0);
-        world.act = [&](int) { return ran.release(), 0; };
-        int events = 0;
-        std::jthread dispatcher(
-            [&] { events = qrn_event_dispatch(queue, std::max(tmo, 1'000'000UL)); });
-        ran.acquire();
-        enqueue(queue, {CALLBACK});
-        ran.acquire();
-        enqueue(queue, {UNBLOCK});
-        dispatcher.join();
-        EXPECT_EQ(events, 3) << tmo;
-        world.act = [](int) { return 0; };
     }
 }
 
@@ -137,30 +123,28 @@ TEST_F(DispatchTest, IdleQueueIsLeftAtTheDeadlineAndNotBefore)
 
 TEST_F(DispatchTest, EachUnblockEndsOneDispatcher)
 {
-    for (const char *tracking : trackings) {
-        Queue queue(tracking);
-        std::counting_semaphore<8> ran(0), ended(0);
-        std::atomic<int> events = 0, left = 2;
-        world.act = [&](int) { return ran.release(), 0; };
-        std::vector<std::jthread> threads;
-        for (int t = 0; t < 2; ++t)
-            threads.emplace_back([&] {
-                events += qrn_event_dispatch(queue, QRN_EVQ_DISPATCH_BLOCK);
+    for (const char *tracking : trackings)
+        for (qrn_ulong_t tmo : {QRN_EVQ_DISPATCH_BLOCK, 0x100000000UL, 1UL << 63, ULONG_MAX}) {
+            Queue queue(tracking);
+            std::counting_semaphore<8> ran(0), ended(0);
+            std::atomic<int> events = 0, left = 2;
+            world.act = [&](int) { return ran.release(), 0; };
+            const auto dispatch = [&] {
+                events += qrn_event_dispatch(queue, tmo);
                 --left;
                 ended.release();
-            });
-        enqueue(queue, {UNBLOCK});
-        ended.acquire();
-        EXPECT_EQ(left, 1);
-        enqueue(queue, {CALLBACK, CALLBACK});
-        ran.acquire();
-        ran.acquire();
-        EXPECT_EQ(left, 1);
-        EXPECT_EQ(qrn_event_queue_shutdown(queue), 0);
-        enqueue(queue, {UNBLOCK}); // works on a queue that is shut down
-        ended.acquire();
-        EXPECT_EQ(events, 4);
-    }
+            };
+            std::jthread one(dispatch), two(dispatch);
+            enqueue(queue, {UNBLOCK});
+            ended.acquire();
+            enqueue(queue, {CALLBACK});
+            ran.acquire();
+            EXPECT_EQ(left, 1);
+            EXPECT_EQ(qrn_event_queue_shutdown(queue), 0);
+            enqueue(queue, {UNBLOCK}); // works on a queue that is shut down
+            ended.acquire();
+            EXPECT_EQ(events, 3);
+        }
 }
 
 TEST_F(DispatchTest, CallbacksMayUseTheirQueue)

@@ -9,8 +9,6 @@ using namespace test;
 namespace {
 
 bool append_fails;
-journal reports; // of the monitor callback
-
 } // namespace
 
 extern "C" {
@@ -23,10 +21,10 @@ int __wrap_qrn_tl_queue_enqueue(qrn_tl_queue_t *q, void *value)
 
 namespace {
 
-int on_report(qrn_event_queue_t *evq, int report, size_t sz, qrn_ulong_t delay, void *clientd)
+int reports; // calls of the monitor callback, whose result means nothing
+int on_report(qrn_event_queue_t *, int, size_t, qrn_ulong_t, void *)
 {
-    reports.note("report", evq, report, sz, delay, clientd);
-    return -1; // which means nothing
+    return ++reports, -1;
 }
 
 class EnqueueTest : public EventFixture {
@@ -121,7 +119,7 @@ TEST_F(EnqueueTest, RefusalsTouchNothing)
             Queue queue("count size=1 age notify", on_report);
             append_fails = failing;
             EXPECT_EQ(failing ? 0 : qrn_event_queue_shutdown(queue), 0);
-            stamps = 0;
+            stamps = reports = 0;
             const bool refused = failing || is_declined(type);
             EXPECT_EQ(enqueue(queue, operation), failing ? -1 : 0);
             append_fails = false;
@@ -133,35 +131,11 @@ TEST_F(EnqueueTest, RefusalsTouchNothing)
             EXPECT_EQ(counts_of(queue, &figures::tot), expected);
             EXPECT_EQ(queue->qsz, !refused);
             EXPECT_TRUE(failing || stamps == !refused);
-            EXPECT_EQ(reports.take().size(), !refused);
+            EXPECT_EQ(reports, !refused);
             EXPECT_EQ(done.take(), failing ? io_journal(operation, true) : strings{});
             if (refused)
                 world.drop(type); // still the caller's
             done.take();
-        }
-}
-
-// The size, the stamp and the notification under every combination of what asks for them.
-TEST_F(EnqueueTest, SizeAndStampAreTakenWhenAskedFor)
-{
-    for (int operation = 1; operation <= operations; ++operation)
-        for (int mask = 0; mask < 32; ++mask) {
-            SCOPED_TRACE(text("operation %d, mask %x", operation, mask));
-            const bool monitored = mask & 1, age = mask & 2, delay = mask & 4, notify = mask & 8,
-                       size = mask & 16;
-            Queue queue(text("age=%d delay=%d notify=%d size=%d", age, delay, notify, size),
-                        monitored ? on_report : nullptr, &world);
-            ticks += 5;
-            stamps = 0;
-            ASSERT_EQ(enqueue(queue, operation), 0);
-            const int events = size && (monitored || age) ? operation == BUNDLE ? 3 : 1 : 0;
-            EXPECT_EQ(queue->qsz, events);
-            EXPECT_EQ(qrn_event_queue_size(queue), size ? events : -1);
-            EXPECT_EQ(stamps, age || (delay && monitored));
-            EXPECT_TRUE(stamps == 0 || first_event(queue)->enqtv.tsc_ticks == ticks);
-            EXPECT_EQ(reports.take(), monitored && notify
-                                          ? strings{what("report", queue.evq, 3, 1, 0, &world)}
-                                          : strings{});
         }
 }
 

@@ -134,20 +134,23 @@ int cancel_as(void *object, cancel_info *info)
 }
 inline constexpr struct kind {
     int type;
+    const char *check; // of a null object
     int (*purge)(Q *, void *object);
     int (*cancel)(void *object, cancel_info *);
 } kinds[] = {
-    {MSG, purge_as<qrn_rcv_t, qrn_evq_purge_rcv>, cancel_as<qrn_rcv_t, qrn_evq_cancel_cb_rcv>},
-    {WRCV, purge_as<qrn_wildcard_rcv_t, qrn_evq_purge_wrcv>,
+    {MSG, "rcv!=NULL", purge_as<qrn_rcv_t, qrn_evq_purge_rcv>,
+     cancel_as<qrn_rcv_t, qrn_evq_cancel_cb_rcv>},
+    {WRCV, "wrcv!=NULL", purge_as<qrn_wildcard_rcv_t, qrn_evq_purge_wrcv>,
      cancel_as<qrn_wildcard_rcv_t, qrn_evq_cancel_cb_wrcv>},
-    {SRC, purge_as<qrn_src_t, qrn_evq_purge_src>, cancel_as<qrn_src_t, qrn_evq_cancel_cb_src>},
-    {REQ, purge_as<qrn_request_t, qrn_evq_purge_req>,
+    {SRC, "src!=NULL", purge_as<qrn_src_t, qrn_evq_purge_src>,
+     cancel_as<qrn_src_t, qrn_evq_cancel_cb_src>},
+    {REQ, "req!=NULL", purge_as<qrn_request_t, qrn_evq_purge_req>,
      cancel_as<qrn_request_t, qrn_evq_cancel_cb_req>},
-    {CTX_SRC, purge_as<qrn_context_t, qrn_evq_purge_ctx_src>,
+    {CTX_SRC, "ctx!=NULL", purge_as<qrn_context_t, qrn_evq_purge_ctx_src>,
      cancel_as<qrn_context_t, qrn_evq_cancel_cb_ctx_src>},
-    {TIMER, purge_as<qrn_context_t, qrn_evq_purge_timer, 37>,
+    {TIMER, "ctx!=NULL", purge_as<qrn_context_t, qrn_evq_purge_timer, 37>,
      cancel_as<qrn_context_t, qrn_evq_cancel_cb_timer, 37>},
-    {IO, purge_as<qrn_context_t, qrn_evq_purge_io, 7, 2UL>,
+    {IO, "ctx!=NULL", purge_as<qrn_context_t, qrn_evq_purge_io, 7, 2UL>,
      cancel_as<qrn_context_t, qrn_evq_cancel_cb_io, 7, 2UL>},
 };
 

@@ -171,7 +171,7 @@ TEST_F(PurgeTest, PartsOfAPassReleaseWhatIsTheirs)
 TEST_F(PurgeTest, MissingArgumentsAreReported)
 {
     Queue queue;
-    const auto evq = "evq!=NULL", ctx = "ctx!=NULL", in = "ev_in!=NULL", in_q = "ev_in_q!=NULL";
+    const auto ctx = "ctx!=NULL", in = "ev_in!=NULL", in_q = "ev_in_q!=NULL";
     const char *const no = nullptr;
     qrn_event_t ev{};
     int remove;
@@ -188,13 +188,10 @@ TEST_F(PurgeTest, MissingArgumentsAreReported)
               "ev_in->type==QRN_EVQ_MSG_TYPE");
     EXPECT_EQ(check_failed_by([&] { filter(qrn_evq_purge_wrcv_filter); }),
               "ev_in->type==QRN_EVQ_WRCV_MSG_TYPE");
-    check_nulls({evq, "rcv!=NULL"}, qrn_evq_purge_rcv, queue, &world.rcv);
-    check_nulls({evq, "wrcv!=NULL"}, qrn_evq_purge_wrcv, queue, &world.wrcv);
-    check_nulls({evq, ctx, no}, qrn_evq_purge_timer, queue, &world.ctx, 0);
-    check_nulls({evq, ctx, no, no}, qrn_evq_purge_io, queue, &world.ctx, 0, 0);
-    check_nulls({evq, "src!=NULL"}, qrn_evq_purge_src, queue, &world.src);
-    check_nulls({evq, ctx}, qrn_evq_purge_ctx_src, queue, &world.ctx);
-    check_nulls({evq, "req!=NULL"}, qrn_evq_purge_req, queue, &world.req);
+    for (const kind &k : kinds) {
+        EXPECT_EQ(check_failed_by([&] { k.purge(nullptr, world.object(k.type)); }), "evq!=NULL");
+        EXPECT_EQ(check_failed_by([&] { k.purge(queue, nullptr); }), k.check);
+    }
     check_nulls({ctx, no}, qrn_evq_purge_timer_all, &world.ctx, 0);
     check_nulls({ctx, no, no}, qrn_evq_purge_io_all, &world.ctx, 0, 0);
 }

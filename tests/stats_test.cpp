@@ -19,7 +19,10 @@ block snapshot(qrn_event_queue_t *evq)
 {
     qrn_event_queue_stats_t stats;
     block out;
+    log_state.dmask = KFX_DBG_API;
     EXPECT_EQ(qrn_event_queue_retrieve_stats(evq, &stats), 0);
+    EXPECT_EQ(logged.take(), strings{text("[qrn_event_queue_retrieve_stats] evq[%p] stats[%p]\n",
+                                          static_cast<void *>(evq), static_cast<void *>(&stats))});
     std::memcpy(out.data(), &stats, sizeof stats);
     return out;
 }
@@ -55,9 +58,7 @@ TEST_F(StatsTest, SnapshotConvertsAndSumsResetKeepsWhatIsQueued)
         shown[events] = sum[0];
         shown[events + 1] = sum[1];
         std::memcpy(static_cast<void *>(&queue->data_msgs), own.data(), sizeof own);
-        log_state.dmask = KFX_DBG_API;
         EXPECT_EQ(snapshot(queue), shown);
-        EXPECT_EQ(logged.take()[0].substr(0, 39), "[qrn_event_queue_retrieve_stats] evq[0x");
         EXPECT_EQ(qrn_event_queue_reset_stats(queue), 0);
         EXPECT_EQ(logged.take(), strings{text("[qrn_event_queue_reset_stats] evq[%p]\n",
                                               static_cast<void *>(queue.evq))});
@@ -68,6 +69,12 @@ TEST_F(StatsTest, SnapshotConvertsAndSumsResetKeepsWhatIsQueued)
     }
 }
 
+journal reports;
+int on_report(qrn_event_queue_t *evq, int report, size_t sz, qrn_ulong_t delay, void *clientd)
+{
+    return reports.note("report", evq, report, sz, delay, clientd);
+}
+
 // Events are enqueued, dispatched and purged while the options change at random. Each is taken out of
 // the figures that it was put in, and of no others.
 TEST_F(StatsTest, FiguresStayTrueWhileOptionsAreSwitched)
@@ -75,33 +82,44 @@ TEST_F(StatsTest, FiguresStayTrueWhileOptionsAreSwitched)
     for (unsigned seed = 1; seed <= 60; ++seed) {
         SCOPED_TRACE(seed);
         std::mt19937 random(seed);
-        Queue queue("", [](auto, auto, auto, auto, auto) { return 0; });
+        const bool monitored = seed % 3 != 0;
+        Queue queue("", monitored ? on_report : nullptr, this);
         struct entry {
             int type;
             bool counted, sized, stamped;
         };
         std::vector<entry> model;
         counts total{};
-        bool on[4] = {}; // count, size, delay, age
+        bool counting = false, sizing = false, delays = false, age = false, notify = false;
         for (int step = 0; step < 300; ++step) {
-            if (random() % 4 == 0) {
-                for (bool &option : on)
-                    option = random() % 2;
-                queue.set(text("count=%d size=%d delay=%d age=%d", on[0], on[1], on[2], on[3]));
-            } else if (random() % 3 != 0) {
+            const auto choice = random() % 16;
+            if (choice < 4) {
+                for (bool *option : {&counting, &sizing, &delays, &age, &notify})
+                    *option = random() % 2;
+                queue.set(text("count=%d size=%d delay=%d age=%d notify=%d", counting, sizing,
+                               delays, age, notify));
+            } else if (choice < 12) {
                 const int type = static_cast<int>(random() % BUNDLE) + 1;
-                ASSERT_EQ(world.enqueue(queue, type), 0);
-                model.push_back({type, on[0], on[1], on[2] || on[3]});
-                if (on[0])
+                const entry e{type, counting, sizing && (monitored || age),
+                              age || (delays && monitored)};
+                model.push_back(e);
+                if (counting)
                     count(total, type);
-            } else if (random() % 4 == 0) {
+                stamps = 0;
+                ASSERT_EQ(world.enqueue(queue, type), 0);
+                EXPECT_EQ(stamps, e.stamped);
+                EXPECT_EQ(reports.take(), monitored && notify
+                                              ? strings{what("report", queue.evq, 3, 1, 0, this)}
+                                              : strings{});
+            } else if (choice == 12) {
                 EXPECT_EQ(qrn_evq_purge_src(queue, &world.src), 0);
                 std::erase_if(model, [](const entry &e) { return e.type == SRC; });
             } else if (!model.empty()) {
                 queue->age_min = no_sample;
                 EXPECT_EQ(qrn_event_dispatch(queue, 0), 1);
-                EXPECT_EQ(queue->age_min != no_sample, on[3] && model.front().stamped);
+                EXPECT_EQ(queue->age_min != no_sample, age && model.front().stamped);
                 model.erase(model.begin());
+                reports.take();
             }
             counts expected{};
             long size = 0;
@@ -113,6 +131,7 @@ TEST_F(StatsTest, FiguresStayTrueWhileOptionsAreSwitched)
             ASSERT_EQ(counts_of(queue), expected);
             ASSERT_EQ(counts_of(queue, &figures::tot), total);
             ASSERT_EQ(queue->qsz, size);
+            ASSERT_EQ(qrn_event_queue_size(queue), sizing ? size : -1);
         }
     }
 }

@@ -66,7 +66,8 @@ int reach_bundle(qrn_event_bundle_t *bundle, void *)
         seen.number = item.number;
         (ev.type == MSG ? seen.target : seen.wildcard) =
             ev.type == MSG ? item.target : item.wildcard;
-        item.delivered = 1;
+        item.delivered += seen.type == 0;
+        seen.type = BUNDLE;
     }
     return reach(&seen);
 }
