@@ -38,7 +38,8 @@ int on(Args...)
 int on_io(qrn_context_t *, qrn_handle_t handle, qrn_ulong_t, void *)
 {
     eventfd_t value;
-    return eventfd_read(handle, &value) == 0 ? on() : 0;
+    EXPECT_EQ(eventfd_read(handle, &value), 0);
+    return on();
 }
 template <class Owner>
 int on_src(Owner *, int event, void *ed, void *)

@@ -34,11 +34,16 @@ int record(qrn_event_queue_t *, qrn_context_t *, qrn_handle_t handle, qrn_ulong_
     return enqueue_result;
 }
 
+std::string report()
+{
+    qrn_fd_report(fdm, record);
+    return std::exchange(reported, {});
+}
+
 std::string poll_once(int msec = 0)
 {
     EXPECT_EQ(qrn_fd_wait(fdm, msec), QRN_OK);
-    qrn_fd_report(fdm, record);
-    return std::exchange(reported, {});
+    return report();
 }
 
 int watch(int handle, qrn_ulong_t ev)
@@ -60,6 +65,12 @@ const std::map<std::string, std::function<int(qrn_ulong_t)>> steps = {
     {"suspend", [](auto ev) { return qrn_fd_suspend(fdm, ends[0], ev); }},
     {"resume", [](auto ev) { return qrn_fd_resume(fdm, ends[0], ev); }},
     {"ready", [](auto) { return write(ends[1], "x", 1) == 1 ? 0 : -1; }},
+    {"read",
+     [](auto) {
+         char byte;
+         return static_cast<int>(read(ends[0], &byte, 1)) - 1;
+     }},
+    {"wait", [](auto) { return qrn_fd_wait(fdm, 0); }},
     {"hang-up", [](auto) { return shutdown(ends[1], SHUT_RDWR); }},
     {"reopen", // the same number, behind the manager's back
      [](auto) {
@@ -93,9 +104,10 @@ TEST_P(Descriptors, AreReportedAsTheScriptSays)
         const bool refused = word.substr(0, 1) == "!";
         const size_t digits = word.find_last_not_of("0123456789") + 1;
         const std::string step = word.substr(refused, digits - refused), ev = word.substr(digits);
-        const int done = step == "poll" ? 0 : steps.at(step)(std::stoul("0" + ev));
-        ASSERT_EQ(done, refused ? -1 : 0) << word;
-        ASSERT_EQ(step == "poll" ? poll_once() : ev, ev) << "before" << script.rdbuf();
+        if (step == "poll" || step == "report")
+            ASSERT_EQ(step == "poll" ? poll_once() : report(), ev) << "before" << script.rdbuf();
+        else
+            ASSERT_EQ(steps.at(step)(std::stoul("0" + ev)), refused ? -1 : 0) << word;
     }
 }
 
@@ -103,6 +115,7 @@ INSTANTIATE_TEST_SUITE_P(
     Scripts, Descriptors,
     testing::Values( // once until each suspension is resumed; a suspended one ends no wait
         "watch1 poll ready poll1 poll idle suspend1 poll resume1 poll resume1 !resume1 poll1",
+        "watch1 ready poll1 wait read resume1 report poll ready report poll1", // gone in between
         "watch1 hang-up poll1 poll idle resume1 poll1",
         "watch1 watch2 ready poll12 resume2 poll2 resume3 !unwatch3 unwatch1 unwatch2 watch3 poll3",
         "ready watch1 poll1 unwatch1 watch1 poll resume1 poll1 unwatch1 resume1 poll",

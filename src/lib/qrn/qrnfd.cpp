@@ -7,6 +7,10 @@
  * way. A descriptor without an armed kind is not in the epoll set at all, for epoll reports errors and
  * hang-ups even to those who ask for nothing, and the wait would spin.
  *
+ * A wait may find readiness that is gone before it is reported: a callback reads all there is and its kind
+ * is resumed in between. So what became active after a wait began is not reported from that wait; being
+ * armed, it is found by the next one if it is ready indeed.
+ *
  * Suspensions belong to the descriptor number and not to the watch. An event that a dispatching thread
  * still holds when its watch ends is resumed later, perhaps after the number was closed, reused and
  * watched again. The new watch starts with what is still suspended, so that pairs stay pairs; it is heard
@@ -40,11 +44,12 @@ void each_kind(qrn_fd_slot_t &slot, qrn_ulong_t ev, Visit visit)
             visit(slot.kinds[i], 1UL << i);
 }
 
-qrn_ulong_t active_kinds(qrn_fd_slot_t &slot)
+/* The kinds that are active and were so before the wait of this number began. */
+qrn_ulong_t active_kinds(qrn_fd_slot_t &slot, uint64_t before = UINT64_MAX)
 {
     qrn_ulong_t active = 0;
     each_kind(slot, all_kinds, [&](const qrn_fd_watch_t &watch, qrn_ulong_t bit) {
-        if (watch.ev != 0 && watch.suspended == 0)
+        if (watch.ev != 0 && watch.suspended == 0 && watch.since < before)
             active |= bit;
     });
     return active;
@@ -147,7 +152,7 @@ bool take_report(qrn_fd_t &fdm, int handle, qrn_ulong_t &ready, qrn_fd_watch_t &
 {
     kfx::lock_guard guard(fdm.lock);
     qrn_fd_slot_t &slot = fdm.slots[handle];
-    ready &= active_kinds(slot);
+    ready &= active_kinds(slot, fdm.waits);
     if (ready == 0)
         return false;
     report = slot.kinds[std::countr_zero(ready)];
@@ -234,7 +239,7 @@ extern "C" {
         qrn_seterrf(QRN_ERR_INVALID, "descriptor %d is already watched for 0x%lx", handle, ev);
         return QRN_FAILURE;
     }
-    set_watch(slot, ev, {evq, proc, clientd, ev, 0});
+    set_watch(slot, ev, {evq, proc, clientd, ev, 0, fdm->waits});
     if (arm(*fdm, handle, slot, active_kinds(slot)) == 0)
         return QRN_OK;
     fail("watching a descriptor");
@@ -295,16 +300,22 @@ extern "C" {
     qrn_fd_slot_t *slot = find(fdm, handle);
     if (slot == nullptr)
         return QRN_FAILURE;
-    int unpaired = 0;
+    bool paired = true;
     each_kind(*slot, ev, [&](qrn_fd_watch_t &watch, qrn_ulong_t) {
-        watch.suspended > 0 ? --watch.suspended : ++unpaired;
+        paired &= watch.suspended > 0;
+        if (watch.suspended > 0 && --watch.suspended == 0)
+            watch.since = fdm->waits;
     });
     const int armed = arm(*fdm, handle, *slot, slot->armed | active_kinds(*slot));
-    return unpaired == 0 && armed == 0 ? QRN_OK : QRN_FAILURE;
+    return paired && armed == 0 ? QRN_OK : QRN_FAILURE;
 }
 
 [[gnu::weak]] int qrn_fd_wait(qrn_fd_t *fdm, int msec)
 {
+    {
+        kfx::lock_guard guard(fdm->lock);
+        ++fdm->waits;
+    }
     const int ready = epoll_wait(fdm->epoll_fd, fdm->ready, QRN_FD_READY_MAX, msec);
     kfx_hrtime_t now;
     kfx_hrtime_timestamp(&now);

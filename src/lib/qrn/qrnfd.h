@@ -33,6 +33,7 @@ typedef struct qrn_fd_watch_t_stct {
     void *clientd;
     qrn_ulong_t ev; /* every kind of the same watch; 0: not watched */
     int suspended;  /* suspensions that were not resumed; outlives the watch */
+    uint64_t since; /* the number of waits when it became active */
 } qrn_fd_watch_t;
 
 typedef struct qrn_fd_slot_t_stct {
@@ -46,7 +47,8 @@ typedef struct qrn_fd_t_stct {
 
     /* Private. */
     qrn_context_t *ctx;
-    kfx_mutex_t lock; /* guards the slots; a leaf */
+    kfx_mutex_t lock; /* guards the slots and the number of waits; a leaf */
+    uint64_t waits;   /* waits begun so far */
     int epoll_fd;
     int wake_fd;
     qrn_fd_slot_t *slots; /* by descriptor */
