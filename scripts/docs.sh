@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 
 ./scripts/setup.sh docs
 export QRN_DOCS=${1:-build/docs}
-QRN_VERSION=$(sed -nE 's/^project\(qrn VERSION ([0-9.]+).*/\1/p' CMakeLists.txt)
+QRN_VERSION=$(sed -nE 's/^#define QRN_VERSION_[A-Z]+ ([0-9]+)$/\1/p' src/lib/qrn/qrn.h | paste -sd.)
 export QRN_VERSION
 mkdir -p "$QRN_DOCS"
 doxygen docs/Doxyfile

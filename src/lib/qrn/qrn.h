@@ -45,6 +45,20 @@ extern "C" {
 /** @brief Marks what the shared library exports. */
 #define QRN_API __attribute__((visibility("default")))
 
+/** @name Version
+ * @{ */
+
+/** @brief Version of this header, first number: programs must be changed or built again. */
+#define QRN_VERSION_MAJOR 0
+/** @brief Version of this header, second number: more than before. */
+#define QRN_VERSION_MINOR 1
+/** @brief Version of this header, third number: mended. */
+#define QRN_VERSION_PATCH 0
+/** @brief Version of the library that runs, as "0.1.0". Never blocks. */
+QRN_API const char *qrn_version(void);
+
+/** @} */
+
 /** @name Types
  * @{ */
 
@@ -156,7 +170,7 @@ typedef struct qrn_event_queue_cancel_cb_info_t_stct {
 
 /** @} */
 
-/** @name Errors
+/** @name Errors and the log
  * @{ */
 
 /** @brief Number of the calling thread's last error; 0 when there was none. Never blocks. */
@@ -164,6 +178,25 @@ QRN_API int qrn_errnum(void);
 /** @brief Text of the calling thread's last error; empty when there was none. The library owns the
  * text, which is valid until the thread's next error. Never blocks. */
 QRN_API const char *qrn_errmsg(void);
+
+/** @brief Level of a log line: the process is about to abort. */
+#define KFX_LOG_FATAL 2
+/** @brief Level of a log line: something failed. */
+#define KFX_LOG_ERROR 3
+/** @brief Level of a log line: something is wrong, and the library goes on. */
+#define KFX_LOG_WARNING 5
+/** @brief Level of a log line: something to know. */
+#define KFX_LOG_INFO 6
+/** @brief Level of a log line: a trace. */
+#define KFX_LOG_DEBUG 7
+
+/** @brief Takes each line of the log. `line` is valid during the call and ends with its own newline
+ * where the writer gave one. Runs on the logging thread, several at once. */
+typedef void (*kfx_log_sink_proc)(int level, const char *line);
+
+/** @brief Installs a sink for the log of the process (null: standard error, as at the start) and returns
+ * the one that it replaces. Threads: any. Never blocks. */
+QRN_API kfx_log_sink_proc kfx_set_log_sink(kfx_log_sink_proc sink);
 
 /** @} */
 
@@ -424,6 +457,10 @@ QRN_API int qrn_event_queue_reset_stats(qrn_event_queue_t *evq);
 /** @brief Events queued now, a bundle counting as its messages; -1 unless `queue_size_warning` is
  * above 0. Counted while a monitor callback is set or `queue_age_enabled` is 1. Never blocks. */
 QRN_API int qrn_event_queue_size(qrn_event_queue_t *evq);
+/** @brief Warnings raised to the monitor callback since the creation: events whose taking raised a size
+ * warning, and events that raised a delay warning. Either pointer may be null. Never blocks. */
+QRN_API int qrn_event_queue_retrieve_warnings(qrn_event_queue_t *evq, qrn_ulong_t *size_warnings,
+                                              qrn_ulong_t *delay_warnings);
 /** @brief Makes `sctl` the controller of a queue that automatic monitoring watches; leaves any other
  * queue as it is. */
 QRN_API int qrn_event_queue_monitor(qrnmon_sctl_t *sctl, qrn_event_queue_t *evq);

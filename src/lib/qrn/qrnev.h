@@ -282,6 +282,10 @@ struct qrn_event_queue_t_stct {
 
     qrnmon_sctl_t *mon_sctl; /* controller that watches the queue, or null; atomic */
     int automonitor;         /* 1: started at creation */
+
+    /* Private: events that raised a warning, ever; atomic. */
+    long size_warnings;
+    long delay_warnings;
 };
 
 /* Sets up the registry of queues; once, before the first creation. 0. */

@@ -115,8 +115,13 @@ void warn(qrn_event_queue_t *evq, const qrn_event_t *ev, const kfx_hrtime_t &tak
         if (delay > limit)
             report |= QRN_EVQ_MON_DELAY_WARNING;
     }
-    if (report != 0 && !is_shut_down(evq))
-        evq->monproc(evq, report, sz, delay, evq->clientd);
+    if (report == 0 || is_shut_down(evq))
+        return;
+    if ((report & QRN_EVQ_MON_SIZE_WARNING) != 0)
+        kfx::add(evq->size_warnings, 1);
+    if ((report & QRN_EVQ_MON_DELAY_WARNING) != 0)
+        kfx::add(evq->delay_warnings, 1);
+    evq->monproc(evq, report, sz, delay, evq->clientd);
 }
 
 // Closes the accounts of an event whose delivery did not begin, because a warning threw.

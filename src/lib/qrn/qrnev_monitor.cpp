@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The enqueue side of the monitor callback, the size of a queue, its descriptor, and the controller that
-// watches it.
+// The enqueue side of the monitor callback and the count of its warnings, the size of a queue, its
+// descriptor, and the controller that watches it.
 
 #include <cerrno>
 #include <cstring>
@@ -49,6 +49,22 @@ int qrn_event_queue_size(qrn_event_queue_t *evq)
         return -1;
     }
     return static_cast<int>(kfx::load(evq->qsz));
+}
+
+int qrn_event_queue_retrieve_warnings(qrn_event_queue_t *evq, qrn_ulong_t *size_warnings,
+                                      qrn_ulong_t *delay_warnings)
+{
+    KFX_TRACE(KFX_DBG_API, "[qrn_event_queue_retrieve_warnings] evq[%p]\n",
+              static_cast<void *>(evq));
+    if (evq == nullptr) {
+        qrn_seterr(QRN_ERR_INVALID, "CoreApi-5688-406: evq must be valid");
+        return -1;
+    }
+    if (size_warnings != nullptr)
+        *size_warnings = static_cast<qrn_ulong_t>(kfx::load(evq->size_warnings));
+    if (delay_warnings != nullptr)
+        *delay_warnings = static_cast<qrn_ulong_t>(kfx::load(evq->delay_warnings));
+    return 0;
 }
 
 int qrn_event_queue_fd(qrn_event_queue_t *evq)

@@ -35,12 +35,6 @@
 
 #include "qrnmon_layer.h"
 
-/* Events that raised a warning since the queue's creation. A module without these counts leaves the
- * record's fields empty. */
-extern "C" [[gnu::weak]] int qrn_event_queue_retrieve_warnings(qrn_event_queue_t *evq,
-                                                               qrn_ulong_t *size_warnings,
-                                                               qrn_ulong_t *delay_warnings);
-
 namespace qrnmon {
 
 namespace {
@@ -170,10 +164,7 @@ void look_at_warnings(const watch &of, sample &taken)
         taken.warning |= QRN_EVQ_MON_SIZE_WARNING;
     if (delay_limit > 0 && taken.stats[age_mean] > delay_limit)
         taken.warning |= QRN_EVQ_MON_DELAY_WARNING;
-    taken.size_warnings = unknown;
-    taken.delay_warnings = unknown;
-    if (qrn_event_queue_retrieve_warnings != nullptr)
-        qrn_event_queue_retrieve_warnings(of.evq, &taken.size_warnings, &taken.delay_warnings);
+    qrn_event_queue_retrieve_warnings(of.evq, &taken.size_warnings, &taken.delay_warnings);
 }
 
 /* False when the queue gives no statistics. */
