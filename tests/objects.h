@@ -122,36 +122,26 @@ inline qrn_event_t *hand_made(qrn_event_queue_t *evq, int type)
 // The kinds of object that events are purged by and cancelled for, each under the type of its own
 // events; a timer is number 37, a descriptor number 7 with mask 2.
 using cancel_info = qrn_event_queue_cancel_cb_info_t;
-template <class T, auto op, auto... keys>
-int purge_as(Q *q, void *object)
-{
-    return op(q, static_cast<T *>(object), keys...);
-}
-template <class T, auto op, auto... keys>
-int cancel_as(void *object, cancel_info *info)
-{
-    return op(static_cast<T *>(object), keys..., info);
-}
-inline constexpr struct kind {
+struct kind {
     int type;
     const char *check; // of a null object
     int (*purge)(Q *, void *object);
     int (*cancel)(void *object, cancel_info *);
-} kinds[] = {
-    {MSG, "rcv!=NULL", purge_as<qrn_rcv_t, qrn_evq_purge_rcv>,
-     cancel_as<qrn_rcv_t, qrn_evq_cancel_cb_rcv>},
-    {WRCV, "wrcv!=NULL", purge_as<qrn_wildcard_rcv_t, qrn_evq_purge_wrcv>,
-     cancel_as<qrn_wildcard_rcv_t, qrn_evq_cancel_cb_wrcv>},
-    {SRC, "src!=NULL", purge_as<qrn_src_t, qrn_evq_purge_src>,
-     cancel_as<qrn_src_t, qrn_evq_cancel_cb_src>},
-    {REQ, "req!=NULL", purge_as<qrn_request_t, qrn_evq_purge_req>,
-     cancel_as<qrn_request_t, qrn_evq_cancel_cb_req>},
-    {CTX_SRC, "ctx!=NULL", purge_as<qrn_context_t, qrn_evq_purge_ctx_src>,
-     cancel_as<qrn_context_t, qrn_evq_cancel_cb_ctx_src>},
-    {TIMER, "ctx!=NULL", purge_as<qrn_context_t, qrn_evq_purge_timer, 37>,
-     cancel_as<qrn_context_t, qrn_evq_cancel_cb_timer, 37>},
-    {IO, "ctx!=NULL", purge_as<qrn_context_t, qrn_evq_purge_io, 7, 2UL>,
-     cancel_as<qrn_context_t, qrn_evq_cancel_cb_io, 7, 2UL>},
+};
+template <class T, auto purge, auto cancel, auto... keys>
+constexpr kind kind_of(int type, const char *check)
+{
+    return {type, check, [](Q *q, void *of) { return purge(q, static_cast<T *>(of), keys...); },
+            [](void *of, cancel_info *i) { return cancel(static_cast<T *>(of), keys..., i); }};
+}
+inline constexpr kind kinds[] = {
+    kind_of<qrn_rcv_t, qrn_evq_purge_rcv, qrn_evq_cancel_cb_rcv>(MSG, "rcv!=NULL"),
+    kind_of<qrn_wildcard_rcv_t, qrn_evq_purge_wrcv, qrn_evq_cancel_cb_wrcv>(WRCV, "wrcv!=NULL"),
+    kind_of<qrn_src_t, qrn_evq_purge_src, qrn_evq_cancel_cb_src>(SRC, "src!=NULL"),
+    kind_of<qrn_request_t, qrn_evq_purge_req, qrn_evq_cancel_cb_req>(REQ, "req!=NULL"),
+    kind_of<qrn_context_t, qrn_evq_purge_ctx_src, qrn_evq_cancel_cb_ctx_src>(CTX_SRC, "ctx!=NULL"),
+    kind_of<qrn_context_t, qrn_evq_purge_timer, qrn_evq_cancel_cb_timer, 37>(TIMER, "ctx!=NULL"),
+    kind_of<qrn_context_t, qrn_evq_purge_io, qrn_evq_cancel_cb_io, 7, 2UL>(IO, "ctx!=NULL"),
 };
 
 struct World {
@@ -189,39 +179,26 @@ struct World {
 
     int enqueue(qrn_event_queue_t *evq, int type)
     {
-        static constexpr int (*operations[])(World &, qrn_event_queue_t *) = {
-            nullptr,
-            [](World &w, Q *q) {
-                return qrn_evq_enq_msg_with_proc(q, &w.rcv, on<MSG>, w.new_msg(), &w);
-            },
-            [](World &w, Q *q) {
-                return qrn_evq_enq_timer(q, &w.ctx, w.id, &w, on<TIMER>, w.recurring);
-            },
-            [](World &w, Q *q) { return qrn_evq_enq_io(q, &w.ctx, 7, w.readiness, &w, on<IO>); },
-            [](World &w, Q *q) {
-                return qrn_evq_enq_src(q, &w.src, 42, &w, w.new_block(), 1, on<SRC>);
-            },
-            [](World &w, Q *q) { return qrn_evq_enq_req(q, &w.req, w.new_msg()); },
-            [](World &, Q *q) { return qrn_event_dispatch_unblock(q); },
-            [](World &w, Q *q) { return qrn_evq_enq_imsg(q, &w.ctx, w.new_msg(), &w, on<IMSG>); },
-            [](World &w, Q *q) { return qrn_evq_enq_wrcv_msg(q, &w.wrcv, w.new_msg()); },
-            [](World &w, Q *q) { return qrn_evq_enq_cancel(q, &w.ctx, w.new_block()); },
-            [](World &w, Q *q) {
-                return qrn_evq_enq_ctx_src(q, &w.ctx, 43, &w, w.new_block(), 1, on<CTX_SRC>);
-            },
-            [](World &w, Q *q) { return qrn_evq_enq_callback(q, on_callback, on_discard, &w); },
-            [](World &w, Q *q) {
-                return qrn_evq_enq_msg_bundle(q, w.new_bundle({MSG, MSG, WRCV}));
-            },
-        };
         queue = evq;
-        return operations[type](*this, evq);
+        return type == MSG       ? qrn_evq_enq_msg_with_proc(evq, &rcv, on<MSG>, new_msg(), this)
+               : type == TIMER   ? qrn_evq_enq_timer(evq, &ctx, id, this, on<TIMER>, recurring)
+               : type == IO      ? qrn_evq_enq_io(evq, &ctx, 7, readiness, this, on<IO>)
+               : type == SRC     ? qrn_evq_enq_src(evq, &src, 42, this, new_block(), 1, on<SRC>)
+               : type == REQ     ? qrn_evq_enq_req(evq, &req, new_msg())
+               : type == UNBLOCK ? qrn_event_dispatch_unblock(evq)
+               : type == IMSG    ? qrn_evq_enq_imsg(evq, &ctx, new_msg(), this, on<IMSG>)
+               : type == WRCV    ? qrn_evq_enq_wrcv_msg(evq, &wrcv, new_msg())
+               : type == CANCEL  ? qrn_evq_enq_cancel(evq, &ctx, new_block())
+               : type == CTX_SRC
+                   ? qrn_evq_enq_ctx_src(evq, &ctx, 43, this, new_block(), 1, on<CTX_SRC>)
+               : type == CALLBACK ? qrn_evq_enq_callback(evq, on_callback, on_discard, this)
+                                  : qrn_evq_enq_msg_bundle(evq, new_bundle({MSG, MSG, WRCV}));
     }
 
     void *object(int kind)
     {
-        void *const objects[] = {nullptr, &rcv,    &ctx,  &ctx,    &src, &req,
-                                 nullptr, nullptr, &wrcv, nullptr, &ctx};
+        void *const objects[] = {nullptr, &rcv,  &ctx,    &ctx, &src,    &req,   nullptr,
+                                 &ctx,    &wrcv, nullptr, &ctx, nullptr, nullptr};
         return objects[kind];
     }
     // Releases the payload of an event that was not accepted.
@@ -238,22 +215,15 @@ struct World {
     // The journal's lines for the last event, which was of this type: its callback, and what follows.
     std::string called(int type)
     {
-        const std::string lines[] = {
-            "",
-            what("MSG", &rcv, payload, this),
-            what("TIMER", &ctx, this),
-            what("IO", &ctx, 7, readiness, this),
-            what("SRC", &src, 42, payload, this),
-            what("REQ", &req, payload, this),
-            "",
-            what("IMSG", &ctx, payload, this),
-            what("WRCV", 0, payload, this),
-            "",
-            what("CTX_SRC", &ctx, 43, payload, this),
-            what("CALLBACK", queue, this),
-            what("BUNDLE", payload, this),
-        };
-        return lines[type];
+        const char *name = names[type];
+        void *const of = type == WRCV ? nullptr : object(type);
+        return type == TIMER      ? what(name, of, this)
+               : type == IO       ? what(name, of, 7, readiness, this)
+               : type == SRC      ? what(name, of, 42, payload, this)
+               : type == CTX_SRC  ? what(name, of, 43, payload, this)
+               : type == CALLBACK ? what(name, queue, this)
+               : type == BUNDLE   ? what(name, payload, this)
+                                  : what(name, of, payload, this);
     }
     strings settled(int type, bool id_is_free = true)
     {
@@ -264,6 +234,14 @@ struct World {
         if (type == TIMER && id_is_free)
             return {what("free id", &timer, id)};
         return {};
+    }
+
+    // Those of an event that was shut down with its queue, or whose warning threw.
+    strings discarded(int type)
+    {
+        if (type == CALLBACK)
+            return {what("discard", queue, this)};
+        return type == IO ? settled(IO) : strings{};
     }
 
     void *new_block() { return payload = kfx::alloc<long>(); }
