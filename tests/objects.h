@@ -110,6 +110,17 @@ inline qrn_event_t *first_event(qrn_event_queue_t *evq)
     return node == nullptr ? nullptr : static_cast<qrn_event_t *>(node->value);
 }
 
+// What a dispatch call gives back; when an exception left it, `threw`.
+inline constexpr int threw = -2;
+inline int dispatch(qrn_event_queue_t *evq, qrn_ulong_t tmo = QRN_EVQ_DISPATCH_POLL)
+{
+    try {
+        return qrn_event_dispatch(evq, tmo);
+    } catch (int) {
+        return threw;
+    }
+}
+
 // A record that no enqueue operation made.
 inline qrn_event_t *hand_made(qrn_event_queue_t *evq, int type)
 {
@@ -236,6 +247,13 @@ struct World {
         return {};
     }
 
+    strings delivered(int type, bool ran, bool id_is_free = true)
+    {
+        strings lines = settled(type, id_is_free);
+        if (ran)
+            lines.insert(lines.begin(), called(type));
+        return lines;
+    }
     // Those of an event that was shut down with its queue, or whose warning threw.
     strings discarded(int type)
     {

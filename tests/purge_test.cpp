@@ -58,9 +58,7 @@ protected:
         } else {
             EXPECT_EQ(w.enqueue(evq, e.type), 0);
         }
-        e.lines = w.settled(e.type);
-        if (has_callback(e.type))
-            e.lines.insert(e.lines.begin(), w.called(e.type));
+        e.lines = w.delivered(e.type, has_callback(e.type));
         model.push_back(e);
     }
     // Gives the journal of it: resumed descriptors, and no message that is consumed.
