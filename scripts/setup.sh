@@ -3,7 +3,8 @@
 # Installs the Debian packages that the named groups of work need and that are missing. Without the
 # rights to do so it prints the command that would, and fails.
 #
-# usage: scripts/setup.sh [build] [test] [bench] [docs] [package]      (default: build test)
+# usage: scripts/setup.sh [build] [test] [bench] [docs] [coverage] [package]
+#        (default: build test)
 set -euo pipefail
 
 declare -A packages=(
@@ -11,6 +12,7 @@ declare -A packages=(
     [test]="libgtest-dev libuv1-dev libasio-dev clang clang-format clang-tidy libclang-rt-14-dev binutils systemtap-sdt-dev libuv1-dev libasio-dev"
     [bench]="libtbb-dev libconcurrentqueue-dev libglib2.0-dev libasio-dev pkg-config gnuplot-nox valgrind"
     [docs]="doxygen"
+    [coverage]="gcovr"
     [package]="pkg-config dpkg-dev lintian abigail-tools"
 )
 

@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Runs the tests on a build that counts branches, and prints how many of the library's branches they
+# take, file by file, and each line with a branch that none takes. Branches that only exceptions take are
+# not counted. A process that aborts, as tests of fatal reports do, leaves no counts.
+#
+# usage: scripts/coverage.sh
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+build=build/coverage
+flags="--coverage -fprofile-update=atomic -fprofile-abs-path"
+
+./scripts/setup.sh build test coverage
+cmake -S . -B $build -G Ninja -DCMAKE_BUILD_TYPE=Debug -DQRN_BUILD_EXAMPLES=OFF \
+    -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" >/dev/null
+cmake --build $build --parallel "$(nproc)" >/dev/null
+find $build -name '*.gcda' -delete
+ctest --test-dir $build --parallel "$(nproc)" --output-on-failure >$build/test.log ||
+    { tail -n 50 $build/test.log >&2; exit 1; }
+
+gcovr --root . --object-directory $build --filter src/lib/qrn/ --branches --exclude-throw-branches \
+    --exclude-unreachable-branches --print-summary --json $build/coverage.json --txt $build/coverage.txt \
+    >$build/summary.txt
+cat $build/coverage.txt
+echo "Lines with a branch that no test takes:"
+python3 - $build/coverage.json <<'END'
+import json, sys
+
+for file in json.load(open(sys.argv[1]))["files"]:
+    source = open(file["file"]).read().splitlines()
+    for line in file["lines"]:
+        branches = [b for b in line["branches"] if not b["throw"]]
+        if any(b["count"] == 0 for b in branches):
+            number = line["line_number"]
+            print(f'{file["file"]}:{number}: {source[number - 1].strip()}')
+END
+grep branches $build/summary.txt
