@@ -44,34 +44,32 @@ protected:
     }
     std::string trace_of(qrn_event_queue_t *evq, int operation)
     {
-        const void *q = evq, *load = world.payload, *ctx = &world.ctx, *ev = first_event(evq);
-        const void *rcv = &world.rcv, *wrcv = &world.wrcv, *src = &world.src, *req = &world.req;
+        const void *q = evq, *load = world.payload, *of = world.object(type_of(operation));
         const auto proc = [](auto *p) { return reinterpret_cast<const void *>(p); };
         const void *on_msg = proc(&World::on<MSG, qrn_rcv_t *, qrn_msg_t *, void *>);
+        const void *ev = first_event(evq), *self = &world, *ctx = &world.ctx;
         const std::string lines[] = {
             "",
-            text("MSG rcv %p msg %p proc %p", rcv, load, on_msg),
+            text("MSG rcv %p msg %p proc %p", of, load, on_msg),
             text("TIMER id 37"),
             text("IO handle 7 ev 0x3"),
-            text("SRC src %p event 42", src),
-            text("REQUEST req %p msg %p", req, load),
+            text("SRC src %p event 42", of),
+            text("REQUEST req %p msg %p", of, load),
             text("UNBLOCK"),
-            text("DIRECTED MSG ctx %p msg %p", ctx, load),
-            text("WRCV MSG rcv %p msg %p", wrcv, load),
+            text("DIRECTED MSG ctx %p msg %p", of, load),
+            text("WRCV MSG rcv %p msg %p", of, load),
             text("CANCEL %p", load),
-            text("CTX SRC ctx %p event 43", ctx),
+            text("CTX SRC ctx %p event 43", of),
             text("CALLBACK %p proc %p delproc %p clientd %p", ev, proc(World::on_callback),
-                 proc(World::on_discard), static_cast<const void *>(&world)),
+                 proc(World::on_discard), self),
             text("MSG BUNDLE ctx %p [3 msgs]", ctx),
-            text("WRCV MSG rcv %p msg %p proc %p", wrcv, load, on_msg),
+            text("WRCV MSG rcv %p msg %p proc %p", of, load, on_msg),
         };
         return text("evq %p enq ", q) + lines[operation] + "\n";
     }
     strings io_journal(int operation, bool resumed = false)
     {
-        strings lines;
-        if (operation == IO)
-            lines = {what("suspend", &world.fdm, 7, 3)};
+        strings lines(operation == IO, what("suspend", &world.fdm, 7, 3));
         if (operation == IO && resumed)
             lines.push_back(world.settled(IO)[0]);
         return lines;

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <ctime>
 #include <cxxabi.h>
+#include <random>
 
 #ifdef SCHED_ASAN
 #include <sanitizer/asan_interface.h>
@@ -112,15 +113,14 @@ struct fiber {
 constexpr unsigned max_threads = 6;
 constexpr unsigned max_changes = 3;
 constexpr unsigned max_steps = 100'000;
-constexpr unsigned max_streak =
-    300; // points in a row: a thread that waits in a loop gives way then
+constexpr unsigned max_streak = 300; // points in a row: who waits in a loop gives way then
 
 enum class strategy { uniform, bounded, priorities };
 
 struct schedule {
-    uint64_t random;
-    strategy kind;
-    unsigned changes[max_changes];
+    std::mt19937 random{};
+    strategy kind = strategy::uniform;
+    unsigned changes[max_changes] = {};
     unsigned steps = 0;
     unsigned streak = 0;
     unsigned spawned = 0;
@@ -143,19 +143,12 @@ bool in_thread()
     return current != &main_thread;
 }
 
-void acquire([[maybe_unused]] void *what)
-{
 #ifdef SCHED_TSAN
-    __tsan_acquire(what);
+constexpr auto acquire = __tsan_acquire, release = __tsan_release;
+#else
+void acquire(void *) {}
+void release(void *) {}
 #endif
-}
-
-void release([[maybe_unused]] void *what)
-{
-#ifdef SCHED_TSAN
-    __tsan_release(what);
-#endif
-}
 
 void arrive()
 {
@@ -295,7 +288,7 @@ void begin(uint64_t seed)
 {
     const bool fresh = s.failed || threads[0].stack == nullptr;
     s = {};
-    s.random = seed * 0x9E3779B97F4A7C15 + 1;
+    s.random.seed(static_cast<unsigned>(seed));
     s.kind = static_cast<strategy>(choose(3));
     const unsigned length = 16U << choose(7);
     std::ranges::generate(s.changes, [=] { return choose(length); });
@@ -345,11 +338,7 @@ void point()
 
 unsigned choose(unsigned n)
 {
-    s.random += 0x9E3779B97F4A7C15;
-    uint64_t x = s.random;
-    x = (x ^ x >> 30) * 0xBF58476D1CE4E5B9;
-    x = (x ^ x >> 27) * 0x94D049BB133111EB;
-    return static_cast<unsigned>((x ^ x >> 31) % n);
+    return static_cast<unsigned>(s.random() % n);
 }
 
 void check(bool ok, const char *what)
@@ -442,10 +431,13 @@ int fail_with(int error)
     return -1;
 }
 
-// Signals arrive now and then.
-bool is_interrupted()
+// Waits for a semaphore; signals arrive now and then.
+int wait(void *sem, bool timed)
 {
-    return in_thread() && choose(64) == 0;
+    model &m = at_point(sem);
+    if (in_thread() && choose(64) == 0)
+        return fail_with(EINTR);
+    return take(m, timed) ? 0 : fail_with(ETIMEDOUT);
 }
 
 } // namespace
@@ -457,24 +449,20 @@ using namespace sched;
 extern "C" {
 
 void kfx_sched_point(const void *field);
-
 void kfx_sched_point(const void *field)
 {
     touch(field);
     point();
 }
-
 int __wrap_pthread_mutex_init(void *mutex, const void *)
 {
     return set_up(mutex, 0);
 }
-
 int __wrap_pthread_mutex_destroy(void *mutex)
 {
     check(static_cast<model *>(mutex)->taken == 0, "a locked mutex is destroyed");
     return tear_down(mutex);
 }
-
 int __wrap_pthread_mutex_lock(void *mutex)
 {
     model &m = at_point(mutex);
@@ -482,61 +470,45 @@ int __wrap_pthread_mutex_lock(void *mutex)
     take(m, false);
     return 0;
 }
-
 int __wrap_pthread_mutex_unlock(void *mutex)
 {
     model &m = at_point(mutex);
     check(m.taken == 1 && m.owner == current, "a mutex is unlocked that this thread does not hold");
     return give(m);
 }
-
 int __wrap_sem_init(void *sem, int, unsigned value)
 {
     return set_up(sem, 1 - static_cast<int>(value));
 }
-
 int __wrap_sem_destroy(void *sem)
 {
     return tear_down(sem);
 }
-
 int __wrap_sem_post(void *sem)
 {
     return give(at_point(sem));
 }
-
 int __wrap_sem_wait(void *sem)
 {
-    model &m = at_point(sem);
-    if (is_interrupted())
-        return fail_with(EINTR);
-    take(m, false);
-    return 0;
+    return wait(sem, false);
 }
-
 int __wrap_sem_clockwait(void *sem, clockid_t, const timespec *deadline)
 {
-    model &m = at_point(sem);
-    if (is_interrupted())
-        return fail_with(EINTR);
-    if (take(m, true))
-        return 0;
-    s.time = std::max(s.time, static_cast<uint64_t>(deadline->tv_sec) * 1'000'000'000 +
-                                  static_cast<uint64_t>(deadline->tv_nsec));
-    return fail_with(ETIMEDOUT);
+    const int result = wait(sem, true);
+    if (result != 0 && errno == ETIMEDOUT)
+        s.time = std::max(s.time, static_cast<uint64_t>(deadline->tv_sec) * 1'000'000'000 +
+                                      static_cast<uint64_t>(deadline->tv_nsec));
+    return result;
 }
-
 int __wrap_sem_trywait(void *sem)
 {
     return try_take(at_point(sem)) ? 0 : fail_with(EAGAIN);
 }
-
 int __wrap_sem_getvalue(void *sem, int *value)
 {
     *value = 1 - at_point(sem).taken;
     return 0;
 }
-
 int __wrap_clock_gettime(clockid_t, timespec *time)
 {
     *time = {static_cast<time_t>(now() / 1'000'000'000), static_cast<long>(now() % 1'000'000'000)};

@@ -38,7 +38,6 @@ void *__real_calloc(size_t count, size_t size);
 void *__real_aligned_alloc(size_t alignment, size_t size);
 void __real_free(void *block);
 }
-
 namespace sched {
 
 namespace {
@@ -58,7 +57,6 @@ size_t index_of(const void *p)
 {
     return (reinterpret_cast<uintptr_t>(p) - reinterpret_cast<uintptr_t>(arena)) / granule;
 }
-
 // Blocks lie a granule apart.
 void *obtain(size_t alignment, size_t size)
 {
@@ -72,7 +70,6 @@ void *obtain(size_t alignment, size_t size)
     std::memset(states + first, alive, count);
     return std::memset(arena + first * granule, 0xA5, count * granule);
 }
-
 } // namespace
 
 void touch(const void *object)
@@ -80,7 +77,6 @@ void touch(const void *object)
     const size_t i = index_of(object);
     check(i >= granules || states[i] == alive, "freed memory is used");
 }
-
 void forget_blocks()
 {
     std::memset(states, unused, used);
@@ -89,13 +85,11 @@ void forget_blocks()
     blocks = 0;
     active = true;
 }
-
 bool blocks_left()
 {
     active = false;
     return blocks != 0;
 }
-
 } // namespace sched
 
 using namespace sched;
@@ -106,18 +100,15 @@ void *__wrap_malloc(size_t size)
 {
     return active ? obtain(granule, size) : __real_malloc(size);
 }
-
 void *__wrap_calloc(size_t count, size_t size)
 {
     return active ? std::memset(obtain(granule, count * size), 0, count * size)
                   : __real_calloc(count, size);
 }
-
 void *__wrap_aligned_alloc(size_t alignment, size_t size)
 {
     return active ? obtain(alignment, size) : __real_aligned_alloc(alignment, size);
 }
-
 void __wrap_free(void *block)
 {
     const size_t first = index_of(block);

@@ -19,46 +19,38 @@ void kfx_fail_assert(const char *expr, const char *, int, int)
 {
     sched::check(false, expr);
 }
-
 void kfx_logf(int, const char *fmt, ...)
 {
     sched::check(false, fmt);
 }
-
 void kfx_hrtime_timestamp(kfx_hrtime_t *ts)
 {
     ts->tsc_ticks = sched::now();
 }
-
 void kfx_hrtime_delta(const kfx_hrtime_t *start, const kfx_hrtime_t *end, kfx_hrtime_ivl_t *ivl)
 {
     sched::check(start->tsc_ticks <= end->tsc_ticks, "a stamp is missing");
     *ivl = end->tsc_ticks - start->tsc_ticks;
 }
-
 void kfx_hrtime_delta_usec(const kfx_hrtime_ivl_t *ivl, qrn_ulong_t *usec)
 {
     *usec = *ivl / 1000;
 }
-
 void kfx_current_tv(struct timeval *tv)
 {
     *tv = {static_cast<time_t>(sched::now() / 1'000'000'000),
            static_cast<suseconds_t>(sched::now() / 1000 % 1'000'000)};
 }
-
 int qrn_fd_suspend(qrn_fd_t *, qrn_handle_t, qrn_ulong_t)
 {
     ++sched::suspended;
     return 0;
 }
-
 int qrn_fd_resume(qrn_fd_t *, qrn_handle_t, qrn_ulong_t)
 {
     sched::check(--sched::suspended >= 0, "resumed more often than suspended");
     return 0;
 }
-
 // `refs` counts the releases of a message.
 int qrn_msg_delete(qrn_msg_t *msg)
 {
@@ -66,13 +58,11 @@ int qrn_msg_delete(qrn_msg_t *msg)
     sched::check(++msg->refs == 1, "a message is released twice");
     return 0;
 }
-
 int qrn_msg_clr_wqx_cr(qrn_msg_t *msg)
 {
     sched::check(msg->refs == 0, "a message is used after its release");
     return 0;
 }
-
 void *qrn_msg_retrieve_internal_field_ptr(qrn_msg_t *msg, int)
 {
     return &msg->stamps;
