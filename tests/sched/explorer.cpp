@@ -30,6 +30,7 @@
 // Saves what a call preserves, stores the stack in `*from` and goes on with the stack `to`.
 extern "C" void sched_switch(void **from, void *to);
 asm(R"(
+.pushsection .text
 .type sched_switch, @function
 sched_switch:
     pushq %rbp
@@ -47,6 +48,7 @@ sched_switch:
     popq %rbx
     popq %rbp
     ret
+.popsection
 )");
 #else
 #include <ucontext.h>
