@@ -6,7 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-all=(headers library readme clang fuzz format tidy shell docs package abi)
+all=(headers library probes readme clang fuzz format tidy shell docs package abi watch)
 strict=(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -Isrc/lib/qrn -Isrc/mon/qrn)
 
 # Each header compiles on its own and twice in a row: as C++20, and as C11 where it is C.
@@ -38,7 +38,7 @@ check_library() {
     $out/with_static >/dev/null
     $out/with_shared >/dev/null
     if nm -D --defined-only --format=just-symbols $out/src/libqrn.so |
-        grep -v -e '^qrn_' -e '^kfx_set_log_sink$' -e '^QRN_[0-9]*$'; then
+        grep -v -e '^qrn_' -e '^kfx_set_log_sink@' -e '^QRN_[0-9]*$'; then
         echo "check: the shared library exports the symbols above" >&2
         return 1
     fi
@@ -46,6 +46,18 @@ check_library() {
         echo "check: the files above hold a path of this machine" >&2
         return 1
     fi
+}
+
+# A build with probes has a note of each in the shared library; the default build, of `library`, has none.
+check_probes() {
+    local out=build/probes names
+    cmake -S . -B $out -DBUILD_TESTING=OFF -DQRN_PROBES=ON >/dev/null
+    cmake --build $out --parallel "$(nproc)" --target qrn_shared >/dev/null
+    names=$(readelf -n $out/src/libqrn.so | sed -nE 's/^ +Name: //p' | sort -u | paste -sd' ')
+    [ "$names" = "cancelled delivered enqueue purged take" ] ||
+        { echo "check: a library with probes has the notes: $names" >&2; return 1; }
+    ! readelf -n build/library/src/libqrn.so | grep Provider ||
+        { echo "check: a library without probes has notes" >&2; return 1; }
 }
 
 # The example in the README compiles and runs. Needs `library`.
@@ -81,11 +93,11 @@ check_tidy() {
 # Every script parses and is strict.
 check_shell() {
     local script
-    for script in scripts/*.sh .ci/run; do
+    for script in scripts/*.sh tests/*.sh tests/*/*.sh .ci/run; do
         bash -n "$script"
         grep -q '^set -euo pipefail$' "$script" || { echo "check: $script is not strict" >&2; return 1; }
     done
-    ! command -v shellcheck >/dev/null || shellcheck scripts/*.sh .ci/run
+    shellcheck scripts/*.sh tests/*.sh tests/*/*.sh .ci/run
 }
 
 check_docs() {
@@ -98,6 +110,11 @@ check_package() {
 
 check_abi() {
     ./scripts/abi.sh
+}
+
+# A load is watched for some seconds, with the records and the picture that this leaves.
+check_watch() {
+    ./scripts/watch.sh build/watch.png
 }
 
 mkdir -p build

@@ -9,7 +9,8 @@ set -euo pipefail
 
 declare -A packages=(
     [build]="gcc g++ cmake ninja-build"
-    [test]="libgtest-dev libuv1-dev libasio-dev clang clang-format clang-tidy libclang-rt-14-dev binutils systemtap-sdt-dev libuv1-dev libasio-dev"
+    [test]="libgtest-dev libuv1-dev libasio-dev clang clang-format clang-tidy libclang-rt-14-dev binutils
+        systemtap-sdt-dev gnuplot-nox shellcheck"
     [bench]="libtbb-dev libconcurrentqueue-dev libglib2.0-dev libasio-dev pkg-config gnuplot-nox valgrind"
     [docs]="doxygen"
     [coverage]="gcovr"
