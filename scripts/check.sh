@@ -60,10 +60,16 @@ check_probes() {
         { echo "check: a library without probes has notes" >&2; return 1; }
 }
 
-# The example in the README compiles and runs. Needs `library`.
+# The examples in the README compile and run. Needs `library`.
 check_readme() {
-    awk '/^```c$/ { inside = 1; next } /^```$/ { inside = 0 } inside' README.md >build/readme.c
+    local language
+    for language in c cpp; do
+        awk -v "start=^\`\`\`$language\$" '$0 ~ start { inside = 1; next } /^```$/ { inside = 0 } inside' \
+            README.md >build/readme.$language
+    done
     gcc -std=c11 "${strict[@]}" build/readme.c build/library/src/libqrn.a -lstdc++ -lpthread -o build/readme
+    [ "$(build/readme)" = "hello, world" ]
+    g++ -std=c++20 "${strict[@]}" build/readme.cpp build/library/src/libqrn.a -lpthread -o build/readme
     [ "$(build/readme)" = "hello, world" ]
 }
 
