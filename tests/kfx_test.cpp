@@ -59,8 +59,7 @@ TEST(KfxDeathTest, FatalReportsAbortWithTheirTexts)
 
 TEST(LastError, BelongsToItsThreadAndIsTakenLiterallyOrCut)
 {
-    const std::string y(100'000, 'y');
-    for (const std::string &given : {std::string("100% of %s"), y.substr(0, 900), y}) {
+    for (const std::string &given : {std::string("100% of %s"), std::string(100'000, 'y')}) {
         qrn_seterr(4, given.c_str());
         std::thread([] {
             EXPECT_EQ(qrn_errnum(), 0);
@@ -74,11 +73,6 @@ TEST(LastError, BelongsToItsThreadAndIsTakenLiterallyOrCut)
     EXPECT_STREQ(qrn_errmsg(), "yy7");
 }
 
-double monotonic_usec()
-{
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return std::chrono::duration<double, std::micro>(now).count();
-}
 double usec(kfx_hrtime_ivl_t ivl)
 {
     qrn_ulong_t result;
@@ -106,19 +100,23 @@ TEST(HrTime, StampsNeverRunBackwardsAcrossThreads)
 // An interval of ours lies between one of the monotonic clock inside it and one around it.
 TEST(HrTime, IntervalsAgreeWithTheMonotonicClock)
 {
+    const auto now = [] {
+        const auto since = std::chrono::steady_clock::now().time_since_epoch();
+        return std::chrono::duration<double, std::micro>(since).count();
+    };
     for (int round = 0; round < 20; ++round) {
         kfx_hrtime_t start, end;
         kfx_hrtime_ivl_t ivl;
-        const double a = monotonic_usec();
+        const double a = now();
         kfx_hrtime_timestamp(&start);
-        const double b = monotonic_usec();
-        while (monotonic_usec() - b < 3e3) {
+        const double b = now();
+        while (now() - b < 3e3) {
         }
-        const double c = monotonic_usec();
+        const double c = now();
         kfx_hrtime_timestamp(&end);
         kfx_hrtime_delta(&start, &end, &ivl);
         EXPECT_GE(usec(ivl) + 1, (c - b) * 0.99995);
-        EXPECT_LE(usec(ivl), (monotonic_usec() - a) * 1.00005);
+        EXPECT_LE(usec(ivl), (now() - a) * 1.00005);
     }
     for (int bit = 20; bit < 63; ++bit) // whatever their length
         EXPECT_NEAR(usec(uint64_t{2} << bit), 2 * usec(uint64_t{1} << bit), 2) << bit;
@@ -135,7 +133,7 @@ TEST(CurrentTime, IsTheWallClocksAndNeverRunsBackwards)
     }
 }
 
-TEST(Configuration, IsInitialisedByAnyThreadAndFollowsTheEnvironment)
+TEST(Configuration, IsInitialisedByAnyThread)
 {
     std::vector<std::jthread> team;
     for (int t = 0; t < 8; ++t)
@@ -144,14 +142,6 @@ TEST(Configuration, IsInitialisedByAnyThreadAndFollowsTheEnvironment)
             ASSERT_EQ(qrn_event_queue_create(&evq, nullptr, nullptr, nullptr), QRN_OK);
             EXPECT_EQ(qrn_event_queue_delete(evq), QRN_OK);
         });
-    team.clear(); // the environment is changed by one thread alone
-    for (const char *interval : {"7", "9"}) {
-        setenv("QRN_MONITOR_INTERVAL", interval, 1);
-        qrn_event_queue_attr_t *attr = nullptr;
-        ASSERT_EQ(qrn_event_queue_attr_create(&attr), QRN_OK);
-        EXPECT_EQ(std::to_string(attr->mon_interval), interval);
-        qrn_event_queue_attr_delete(attr);
-    }
 }
 
 } // namespace
