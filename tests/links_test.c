@@ -33,6 +33,7 @@ static const op volatile operations[] = {
     (op)qrn_event_queue_shutdown, (op)qrn_event_queue_size, (op)qrn_event_queue_str_getopt,
     (op)qrn_event_queue_str_setopt, (op)qrn_event_queue_unmonitor,
     (op)qrn_event_queue_validate_name, (op)qrn_evq_enq_callback,
+    (op)qrn_event_queue_retrieve_warnings, (op)qrn_version,
     // Internal: records, enqueue, statistics, dispatching threads, cancellation.
     (op)qrn_event_bundle_create, (op)qrn_event_bundle_delete, (op)qrn_event_delete,
     (op)qrn_event_delete_ex, (op)qrn_event_queue_attr_cleanup_internal,
