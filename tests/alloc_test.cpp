@@ -293,12 +293,13 @@ struct row {
     operation op;
 };
 
-// Lets every allocation of each operation fail in turn.
+// Lets every allocation of each operation fail in turn, and tells how many those were.
 void run(std::initializer_list<row> rows, void (*prepare)(stage &) = nothing)
 {
     static const std::regex right_report(
         "fatal ([0-9]+) (Core-5688-13: could not allocate \\1 bytes|"
         "Core-9566-1: could not allocate \\1 bytes for string dup) \\[[a-z_]+\\.(cpp|h):[0-9]+\\]");
+    static int operations = 0, allocations = 0;
     for (const row &r : rows) {
         std::string how, result;
         for (long k = 1; k < 100 && (result = outcome(k, prepare, r.op)) != "done"; ++k) {
@@ -308,7 +309,10 @@ void run(std::initializer_list<row> rows, void (*prepare)(stage &) = nothing)
         }
         EXPECT_TRUE(std::regex_match(how, std::regex(r.expected)))
             << r.name << ": " << how << ", " << result;
+        ++operations;
+        allocations += static_cast<int>(how.size());
     }
+    std::printf("%d allocations of %d operations so far\n", allocations, operations);
 }
 
 using S = stage;
