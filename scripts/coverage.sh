@@ -17,7 +17,7 @@ cmake -S . -B $build -G Ninja -DCMAKE_BUILD_TYPE=Debug -DQRN_BUILD_EXAMPLES=OFF 
     -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" >/dev/null
 cmake --build $build --parallel "$(nproc)" >/dev/null
 find $build -name '*.gcda' -delete
-ctest --test-dir $build --parallel "$(nproc)" --output-on-failure --exclude-regex "^qrnmon_test" \
+SCHED_RUNS=1000 ctest --test-dir $build --parallel "$(nproc)" --output-on-failure --exclude-regex "^qrnmon_test" \
     >$build/test.log ||
     { tail -n 50 $build/test.log >&2; exit 1; }
 
