@@ -62,12 +62,11 @@ int reach_bundle(qrn_event_bundle_t *bundle, void *)
         if (ev.ctx == nullptr)
             continue;
         Item &item = *static_cast<Item *>(ev.info.msg.clientd);
+        auto which = ev.type == MSG ? &Item::target : &Item::wildcard;
+        seen.*which = item.*which;
         seen.producer = item.producer;
         seen.number = item.number;
-        (ev.type == MSG ? seen.target : seen.wildcard) =
-            ev.type == MSG ? item.target : item.wildcard;
-        item.delivered += seen.type == 0;
-        seen.type = BUNDLE;
+        item.delivered += std::exchange(seen.type, BUNDLE) == 0;
     }
     return reach(&seen);
 }

@@ -80,10 +80,10 @@ std::string check_failed_by(Call call)
 {
     try {
         call();
+        return "";
     } catch (const failed_check &failed) {
         return failed.expr;
     }
-    return "";
 }
 
 class Fixture : public testing::Test {
@@ -120,9 +120,10 @@ inline constexpr const char *option_names[][2] = {
     {"topts", "monitor_transport_opts"},
 };
 
-// Calls `set(name, value)` for each option of a line such as "count size=3"; a word alone is "=1".
-template <class Set>
-void for_each_option(const std::string &line, Set set)
+// Sets each option of a line such as "count size=3"; a word alone is "=1".
+template <class Object>
+void set_options(Object *on, int (*set)(Object *, const char *name, const char *value),
+                 const std::string &line)
 {
     std::istringstream words(line);
     for (std::string word; words >> word;) {
@@ -130,7 +131,7 @@ void for_each_option(const std::string &line, Set set)
         for (auto &[shorthand, name] : option_names) {
             if (word.substr(0, eq) != shorthand)
                 continue;
-            EXPECT_EQ(set(name, eq == word.npos ? "1" : word.c_str() + eq + 1), 0) << word;
+            EXPECT_EQ(set(on, name, eq == word.npos ? "1" : word.c_str() + eq + 1), 0) << word;
         }
     }
 }
@@ -142,9 +143,7 @@ struct Attr {
     explicit Attr(const std::string &options)
     {
         EXPECT_EQ(qrn_event_queue_attr_create_default(&attr), 0);
-        for_each_option(options, [this](const char *name, const char *value) {
-            return qrn_event_queue_attr_str_setopt(attr, name, value);
-        });
+        set_options(attr, qrn_event_queue_attr_str_setopt, options);
     }
     ~Attr() { qrn_event_queue_attr_delete(attr); }
     Attr(const Attr &) = delete;
@@ -165,12 +164,7 @@ struct Queue {
     qrn_event_queue_t *operator->() { return evq; }
 
     // Switches options of the running queue.
-    void set(const std::string &options)
-    {
-        for_each_option(options, [this](const char *name, const char *value) {
-            return qrn_event_queue_str_setopt(evq, name, value);
-        });
-    }
+    void set(const std::string &options) { set_options(evq, qrn_event_queue_str_setopt, options); }
     void end()
     {
         EXPECT_EQ(evq == nullptr ? 0 : qrn_event_queue_delete(std::exchange(evq, {})), 0);

@@ -120,7 +120,7 @@ constexpr unsigned max_streak = 300; // points in a row: who waits in a loop giv
 enum class strategy { uniform, bounded, priorities };
 
 struct schedule {
-    std::mt19937 random{};
+    std::minstd_rand random{};
     strategy kind = strategy::uniform;
     unsigned changes[max_changes] = {};
     unsigned steps = 0;
@@ -290,7 +290,7 @@ void begin(uint64_t seed)
 {
     const bool fresh = s.failed || threads[0].stack == nullptr;
     s = {};
-    s.random.seed(static_cast<unsigned>(seed));
+    s.random.seed(static_cast<unsigned>(seed * 0x9E3779B97F4A7C15 >> 32));
     s.kind = static_cast<strategy>(choose(3));
     const unsigned length = 16U << choose(7);
     std::ranges::generate(s.changes, [=] { return choose(length); });

@@ -14,7 +14,6 @@
 #include <map>
 #include <poll.h>
 #include <set>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -77,6 +76,17 @@ std::string failure_of(const std::function<void()> &play, uint64_t first, unsign
     return "";
 }
 
+// Calls `use` with each part of a text.
+template <class Use>
+void split(const std::string &text, char at, Use use)
+{
+    for (size_t from = 0, end; from < text.size(); from = end + 1) {
+        end = std::min(text.find(at, from), text.size());
+        if (end != from)
+            use(text.substr(from, end - from));
+    }
+}
+
 // What threads can do. They perform the words of a line: "post:a" is the step "post" with "a".
 struct script {
     const std::map<std::string, std::function<void(const std::string &)>> steps;
@@ -84,21 +94,19 @@ struct script {
 
     void perform(const std::string &line)
     {
-        std::istringstream words(line);
-        for (std::string word; words >> word;) {
-            const size_t colon = word.find(':');
+        split(line, ' ', [this](const std::string &word) {
+            const size_t colon = std::min(word.find(':'), word.size());
             const std::string step = word.substr(0, colon);
             ++performed[step];
-            steps.at(step)(colon == word.npos ? "" : word.substr(colon + 1));
-        }
+            steps.at(step)(word.substr(std::min(colon + 1, word.size())));
+        });
     }
 
     // One thread a part. Number of those that have not ended when none can go on.
     int run_parts(const std::string &threads)
     {
-        std::istringstream parts(threads);
-        for (std::string line; std::getline(parts, line, '|');)
-            spawn([line, this] { perform(line); });
+        split(threads, '|',
+              [this](const std::string &line) { spawn([line, this] { perform(line); }); });
         return run();
     }
 };
