@@ -226,6 +226,7 @@ TEST_P(ContextTest, RefusesMisuseAndTakesNothingOnceTheQueueIsShutDownOrDetached
             [&] { return qrn_src_create(&o.src, ctx, queue, nullptr, nullptr); },
             [&] { return o.watch(); },
             [&] { return kinds[6].make(o); },
+            [&] { return qrn_ctx_bind_immediate(ctx, queue, on, nullptr); },
             [&] { return qrn_ctx_cancel_timer(ctx, other.id + 1, nullptr); },
         };
         for (const auto &call : wrong) {
@@ -243,6 +244,45 @@ TEST_P(ContextTest, RefusesMisuseAndTakesNothingOnceTheQueueIsShutDownOrDetached
             sched_yield();
         EXPECT_EQ(calls + (open ? 0 : drain(queue)), 0);
     } // the context ends what it still has
+}
+
+// Calls an operation with nothing in any argument.
+template <class... Args>
+int with_nothing(int (*operation)(Args...))
+{
+    qrn_seterr(0, "");
+    const int result = operation(Args{}...);
+    EXPECT_NE(qrn_errnum(), 0);
+    return result;
+}
+
+TEST(Contexts, RefuseNullArguments)
+{
+    for (int result : {with_nothing(qrn_ctx_create),
+                       with_nothing(qrn_ctx_delete),
+                       with_nothing(qrn_ctx_detach),
+                       with_nothing(qrn_ctx_watch),
+                       with_nothing(qrn_ctx_unwatch),
+                       with_nothing(qrn_ctx_schedule),
+                       with_nothing(qrn_ctx_cancel_timer),
+                       with_nothing(qrn_rcv_create),
+                       with_nothing(qrn_rcv_delete),
+                       with_nothing(qrn_wildcard_rcv_create),
+                       with_nothing(qrn_wildcard_rcv_delete),
+                       with_nothing(qrn_ctx_bind_immediate),
+                       with_nothing(qrn_ctx_unbind_immediate),
+                       with_nothing(qrn_ctx_deliver),
+                       with_nothing(qrn_ctx_flush),
+                       with_nothing(qrn_src_create),
+                       with_nothing(qrn_src_delete),
+                       with_nothing(qrn_src_raise),
+                       with_nothing(qrn_ctx_bind_src),
+                       with_nothing(qrn_ctx_unbind_src),
+                       with_nothing(qrn_ctx_src_raise),
+                       with_nothing(qrn_request_create),
+                       with_nothing(qrn_request_delete),
+                       with_nothing(qrn_request_respond)})
+        EXPECT_EQ(result, QRN_FAILURE);
 }
 
 TEST_P(ContextTest, BundlesFillInOrderAndLoseWhatIsDeleted)
