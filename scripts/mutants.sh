@@ -343,6 +343,7 @@ check_without_fault() {
     [ -z "$failed" ] || { echo "mutants: $failed fails without any fault" >&2; exit 1; }
 }
 
+./scripts/setup.sh build test
 commit=$(git rev-parse HEAD)
 rm -rf $work
 mkdir -p $copy
