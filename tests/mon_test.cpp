@@ -4,13 +4,15 @@
 // and that a queue is left alone once its monitoring has stopped.
 #include <algorithm>
 #include <arpa/inet.h>
-#include <dirent.h>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <latch>
 #include <map>
+#include <regex>
 #include <set>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 
@@ -18,6 +20,17 @@
 #include "support.h"
 
 using namespace test;
+namespace fs = std::filesystem;
+
+// Seconds that a test puts the monotonic clock forward.
+static std::atomic<long> ahead;
+
+extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept
+{
+    const auto result = syscall(SYS_clock_gettime, clock, now);
+    now->tv_sec += clock == CLOCK_MONOTONIC ? ahead.load() : 0;
+    return static_cast<int>(result);
+}
 
 namespace {
 
@@ -29,31 +42,29 @@ fields split(const std::string &line)
     strings values(1);
     bool quoted = false;
     for (size_t i = 0; i + 1 < line.size(); ++i) {
-        if (line[i] == '"') {
-            if (!quoted && i > 0 && line[i - 1] == '"')
-                values.back() += '"'; // the second of two
-            quoted = !quoted;
-        } else if (line[i] == ',' && !quoted) {
+        if (line[i] == ',' && !quoted)
             values.emplace_back();
-        } else {
-            values.back() += line[i];
-        }
+        else if (line[i] != '"' || (!quoted && i > 0 && line[i - 1] == '"'))
+            values.back() += line[i]; // of two quotes the second
+        quoted ^= line[i] == '"';
     }
-    EXPECT_EQ(values.size(), qrnmon::columns.size()) << line;
     EXPECT_TRUE(line.ends_with('\n') && !quoted) << line;
-    values.resize(qrnmon::columns.size());
+    EXPECT_EQ(values.size(), qrnmon::columns.size()) << line;
     fields out;
-    for (size_t i = 0; i < values.size(); ++i)
+    for (size_t i = 0; i < std::min(values.size(), qrnmon::columns.size()); ++i)
         out[std::string(qrnmon::columns[i].name)] = values[i];
     return out;
 }
 
-// The form of a text: each digit as '9'.
-std::string form(std::string text)
+// The values of some columns, as "a|b".
+std::string values(const fields &row, const std::string &columns)
 {
-    std::ranges::replace_if(
-        text, [](char c) { return c >= '0' && c <= '9'; }, '9');
-    return text;
+    std::istringstream names(columns);
+    std::string out;
+    for (std::string name; names >> name;)
+        out += (row.contains(name) ? row.at(name) : "no " + name) + "|";
+    out.pop_back();
+    return out;
 }
 
 // A receiver on a free port.
@@ -61,92 +72,70 @@ class Receiver {
 public:
     Receiver() : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
     {
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t size = sizeof addr;
-        auto *any = reinterpret_cast<sockaddr *>(&addr);
-        EXPECT_EQ(bind(fd_, any, size), 0);
-        EXPECT_EQ(getsockname(fd_, any, &size), 0);
-        port_ = ntohs(addr.sin_port);
+        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&addr), size), 0);
+        EXPECT_EQ(getsockname(fd_, reinterpret_cast<sockaddr *>(&addr), &size), 0);
+        options = "port=" + std::to_string(ntohs(addr.sin_port));
         timeval patience{30, 0};
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     }
     ~Receiver() { close(fd_); }
     Receiver(const Receiver &) = delete;
 
-    std::string options() const { return "port=" + std::to_string(port_); }
-
-    // The next datagram; empty when none comes, or none is there.
-    std::string next(int flags = 0)
+    // The next record, headers passed over and counted; empty when none comes, or none is there.
+    fields row(int flags = 0)
     {
-        std::string bytes(65536, '\0');
-        ssize_t size = recv(fd_, bytes.data(), bytes.size(), flags);
-        bytes.resize(size < 0 ? 0 : static_cast<size_t>(size));
-        return bytes;
-    }
-
-    // The next record, headers passed over and counted.
-    fields row()
-    {
-        for (;;) {
-            std::string line = next();
-            if (!line.starts_with("schema,"))
-                return split(line);
+        char bytes[65536];
+        ssize_t size = 0;
+        while ((size = recv(fd_, bytes, sizeof bytes, flags)) > 0) {
+            fields line = split({bytes, static_cast<size_t>(size)});
+            if (line["schema"] != "schema")
+                return line;
             ++headers;
+            for (auto &[name, title] : line)
+                EXPECT_EQ(name, title);
         }
+        return {};
     }
 
+    std::string options;
     int headers = 0;
 
 private:
     int fd_;
-    int port_ = 0;
 };
 
-// A controller, acquired for a scope.
+// A controller, acquired for a scope, and the queue that it watches there.
 struct Controller {
     qrnmon_sctl_t *sctl = nullptr;
+    qrn_event_queue_t *watched;
 
-    explicit Controller(const std::string &options)
+    explicit Controller(const std::string &options, qrn_event_queue_t *evq = nullptr,
+                        const char *app = nullptr)
+        : watched(evq)
     {
         EXPECT_EQ(qrn_automon_sctl_create(&sctl, qrnmon_format_csv_module(), nullptr,
                                           qrnmon_transport_qrn_module(), options.c_str()),
                   0)
             << qrn_errmsg();
+        EXPECT_EQ(evq == nullptr ? 0 : qrnmon_evq_monitor(sctl, evq, app, 1), 0);
     }
-    ~Controller() { release(); }
+    ~Controller()
+    {
+        EXPECT_EQ(watched == nullptr ? 0 : qrnmon_evq_unmonitor(sctl, watched), 0);
+        qrn_automon_sctl_destroy();
+    }
     Controller(const Controller &) = delete;
-    void release()
-    {
-        if (std::exchange(sctl, nullptr) != nullptr)
-            qrn_automon_sctl_destroy();
-    }
-};
-
-// A queue that a controller watches.
-struct Watch {
-    Controller by;
-    qrn_event_queue_t *evq;
-
-    Watch(Receiver &to, qrn_event_queue_t *queue, const char *app = nullptr)
-        : by(to.options()), evq(queue)
-    {
-        EXPECT_EQ(qrnmon_evq_monitor(by.sctl, evq, app, 1), 0) << qrnmon_errmsg();
-    }
-    ~Watch() { EXPECT_EQ(qrnmon_evq_unmonitor(by.sctl, evq), 0); }
 };
 
 int samplers()
 {
     int count = 0;
-    DIR *tasks = opendir("/proc/self/task");
-    while (dirent *task = readdir(tasks)) {
-        std::ifstream comm(std::string("/proc/self/task/") + task->d_name + "/comm");
+    for (const auto &task : fs::directory_iterator("/proc/self/task")) {
         std::string name;
-        count += std::getline(comm, name) && name == "qrnmon" ? 1 : 0;
+        count += std::getline(std::ifstream(task.path() / "comm"), name) && name == "qrnmon";
     }
-    closedir(tasks);
     return count;
 }
 
@@ -177,57 +166,32 @@ TEST_F(Mon, ARecordHoldsTheFiguresOfTheQueue)
             [](qrn_event_queue_t *, int, size_t, qrn_ulong_t, void *) { return 0; });
     post(q, 4);
     EXPECT_EQ(qrn_event_dispatch(q, QRN_EVQ_DISPATCH_POLL), 1);
-    Watch watch(in, q, "an app, \"quoted\"");
-    std::string header = in.next();
-    EXPECT_EQ(split(header).size(), qrnmon::columns.size());
-    for (auto &[name, title] : split(header))
-        EXPECT_EQ(name, title);
+    Controller by(in.options, q, "an app, \"quoted\"");
     fields row = in.row();
-    const fields expected = {
-        {"schema", "1"},
-        {"seq", "1"},
-        {"pid", std::to_string(getpid())},
-        {"interval_s", "1"},
-        {"app", "an app, \"quoted\""},
-        {"queue", "orders"},
-        {"depth", "3"},
-        {"warning", "1"},
-        {"callback_events", "3"},
-        {"callback_events_tot", "4"},
-        {"events", "3"},
-        {"events_tot", "4"},
-        {"data_msgs", "0"},
-        {"data_msgs_tot", "0"},
-        {"data_msgs_svc_min", ""},
-        {"data_msgs_svc_mean", ""},
-        {"data_msgs_svc_max", ""},
-        {"unblock_events_tot", "0"},
-    };
-    for (auto &[name, value] : expected)
-        EXPECT_EQ(row[name], value) << name;
-    for (const char *name : {"age_min", "age_mean", "age_max", "callback_events_svc_mean"})
-        EXPECT_EQ(form(row[name]), std::string(std::max(row[name].size(), size_t{1}), '9')) << name;
-    EXPECT_EQ(form(row["epoch_s"]), "9999999999.999999");
-    EXPECT_EQ(form(row["time_utc"]), "9999-99-99T99:99:99.999Z");
+    EXPECT_EQ(in.headers, 1);
+    EXPECT_EQ(values(row, "schema seq interval_s app queue depth warning callback_events "
+                          "callback_events_tot events events_tot data_msgs data_msgs_tot "
+                          "data_msgs_svc_min data_msgs_svc_mean data_msgs_svc_max"),
+              "1|1|1|an app, \"quoted\"|orders|3|1|3|4|3|4|0|0|||");
+    EXPECT_EQ(row["pid"], std::to_string(getpid()));
+    const std::string figures = values(row, "age_min age_mean age_max callback_events_svc_mean");
+    EXPECT_TRUE(std::regex_match(figures, std::regex("([0-9]+\\|){3}[0-9]+"))) << figures;
+    const std::string times = values(row, "epoch_s time_utc");
+    EXPECT_TRUE(std::regex_match(
+        times, std::regex("[0-9]{10}\\.[0-9]{6}\\|[-0-9]{10}T[:0-9]{8}\\.[0-9]{3}Z")))
+        << times;
 }
 
 TEST_F(Mon, WhatAQueueDoesNotKeepIsAnEmptyField)
 {
-    struct {
-        const char *options;
-        const char *depth;
-    } const table[] = {{"", ""}, {"svc", ""}, {"age size=9", "2"}, {"count", "2"}};
-    for (auto &each : table) {
-        Queue q(each.options);
+    for (const std::string options : {"", "svc", "age size=9", "count"}) {
+        Queue q(options);
         post(q, 2);
-        Watch watch(in, q);
-        fields row = in.row();
-        EXPECT_EQ(row["depth"], each.depth) << each.options;
-        const char *counted = std::string(each.options) == "count" ? "2" : "";
-        for (const char *name : {"events", "events_tot", "callback_events_tot"})
-            EXPECT_EQ(row[name], counted) << each.options << " " << name;
-        for (const char *name : {"age_min", "callback_events_svc_max", "app", "queue"})
-            EXPECT_EQ(row[name], "") << each.options << " " << name;
+        Controller by(in.options, q);
+        const char *count = options == "count" ? "2" : "";
+        EXPECT_EQ(
+            values(in.row(), "depth events events_tot age_min callback_events_svc_max app queue"),
+            text("%s|%s|%s||||", options.size() < 4 ? "" : "2", count, count));
     }
 }
 
@@ -235,24 +199,23 @@ TEST_F(Mon, TotalsGoOnWhenTheStatisticsAreReset)
 {
     Queue q("count");
     post(q, 5);
-    Watch watch(in, q);
+    Controller by(in.options, q);
     EXPECT_EQ(in.row()["callback_events_tot"], "5");
     qrn_event_queue_reset_stats(q);
     post(q, 2);
-    fields row = in.row();
-    EXPECT_EQ(row["callback_events_tot"], "7");
-    EXPECT_EQ(row["events_tot"], "7");
-    EXPECT_EQ(row["callback_events"], "7");
-    EXPECT_EQ(row["seq"], "2");
+    EXPECT_EQ(values(in.row(), "callback_events_tot events_tot callback_events seq"), "7|7|7|2");
+    EXPECT_EQ(in.headers, 1);
 }
 
 TEST_F(Mon, TheHeaderComesAgainForLateReceivers)
 {
     Queue q;
-    Watch watch(in, q);
-    for (int seq = 1; in.headers < 2 && seq < 30; ++seq)
-        EXPECT_EQ(in.row()["seq"], std::to_string(seq));
+    Controller by(in.options, q);
+    EXPECT_EQ(in.row()["seq"], "1");
+    ahead = 10;
+    EXPECT_EQ(in.row()["seq"], "2");
     EXPECT_EQ(in.headers, 2);
+    ahead = 0;
 }
 
 // --- The format ----------------------------------------------------------------------------------
@@ -271,26 +234,10 @@ qrnmon::sample full_sample(qrn_ulong_t figure, std::string_view name)
     return out;
 }
 
-TEST_F(Mon, ARecordFitsItsBounds)
+TEST_F(Mon, ARecordIsOneLineOfBoundedFields)
 {
-    qrnmon::record_buffer out;
-    EXPECT_EQ(qrnmon::csv_header(out).size(), 1163U + 1);
-    const std::string longest(500, '"');
-    const std::string plain(128, 'x');
-    EXPECT_LT(qrnmon::csv_record(out, full_sample(999'999'999'999'999, plain)).size(), 1400U);
-    std::string_view line = qrnmon::csv_record(out, full_sample(~0UL >> 1, longest));
-    EXPECT_LT(line.size(), qrnmon::max_record);
-    EXPECT_EQ(line.back(), '\n');
-    EXPECT_EQ(split(std::string(line))["app"], std::string(128, '"'));
-}
-
-TEST_F(Mon, ATextStaysOneFieldOfOneLine)
-{
-    const std::string accents = "\xc3\xa9";
-    struct {
-        std::string text, written;
-    } const table[] = {
-        {"plain", "plain"},
+    const std::string accents = "\xc3\xa9", longest(500, '"');
+    const std::pair<std::string, std::string> texts[] = {
         {"", ""},
         {"a,b", "\"a,b\""},
         {"say \"x\"", "\"say \"\"x\"\"\""},
@@ -299,52 +246,44 @@ TEST_F(Mon, ATextStaysOneFieldOfOneLine)
         {std::string(127, 'x') + accents, std::string(127, 'x')},
         {std::string(126, 'x') + accents, std::string(126, 'x') + accents},
     };
-    for (auto &each : table) {
-        qrnmon::record_buffer out;
-        std::string line(qrnmon::csv_record(out, full_sample(1, each.text)));
+    qrnmon::record_buffer out;
+    for (auto &[given, written] : texts) {
+        const std::string line(qrnmon::csv_record(out, full_sample(1, given)));
         EXPECT_EQ(line.substr(0, line.find(",1,1,1,")),
                   "1,1700000000.123456,2023-11-14T22:13:20.123Z,1000000.000005,1,4194304," +
-                      each.written + "," + each.written);
+                      written + "," + written);
     }
-}
-
-const char *kind_name(qrnmon::kind what)
-{
-    switch (what) {
-    case qrnmon::kind::label:
-        return "label";
-    case qrnmon::kind::clock:
-        return "clock";
-    case qrnmon::kind::counter:
-    case qrnmon::kind::total:
-    case qrnmon::kind::total_sum:
-        return "counter";
-    default:
-        return "gauge";
-    }
+    EXPECT_EQ(qrnmon::csv_header(out).size(), 1163U + 1);
+    const std::string most(qrnmon::csv_record(out, full_sample(~0UL >> 1, longest)));
+    EXPECT_LT(most.size(), qrnmon::max_record);
+    EXPECT_EQ(split(most)["app"], std::string(128, '"'));
 }
 
 // docs/monitoring.md has the columns, in order, with their kinds.
 TEST_F(Mon, TheDocumentDescribesEveryColumn)
 {
-    char self[4096] = "";
-    ASSERT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
-    std::string root = self;
-    std::ifstream doc;
-    while (!root.empty() && (doc.open(root + "/docs/monitoring.md"), !doc.is_open()))
-        root.resize(root.rfind('/'));
+    using enum qrnmon::kind;
+    fs::path root = fs::read_symlink("/proc/self/exe");
+    while (root.has_relative_path() && !fs::exists(root / "docs" / "monitoring.md"))
+        root = root.parent_path();
+    std::ifstream doc(root / "docs" / "monitoring.md");
     if (!doc.is_open())
         GTEST_SKIP() << "built outside of the source tree";
     strings documented, written;
     for (std::string line; std::getline(doc, line);) {
         std::istringstream words(line);
-        std::string first, name, between, what;
-        words >> first >> name >> between >> what;
-        if (what == "label" || what == "clock" || what == "gauge" || what == "counter")
-            documented.push_back(name.substr(1, name.size() - 2) + " " + what);
+        std::string first, name, between, as;
+        words >> first >> name >> between >> as;
+        if (as == "label" || as == "clock" || as == "gauge" || as == "counter")
+            documented.push_back(name.substr(1, name.size() - 2) + " " + as);
     }
-    for (auto &[name, what] : qrnmon::columns)
-        written.push_back(std::string(name) + " " + kind_name(what));
+    for (auto &[name, what] : qrnmon::columns) {
+        const bool counts = what == counter || what == total || what == total_sum;
+        written.push_back(std::string(name) + (what == label   ? " label"
+                                               : what == clock ? " clock"
+                                               : counts        ? " counter"
+                                                               : " gauge"));
+    }
     EXPECT_EQ(documented, written);
 }
 
@@ -352,30 +291,22 @@ TEST_F(Mon, TheDocumentDescribesEveryColumn)
 
 TEST_F(Mon, CreationTellsWhatIsWrongWithTheOptions)
 {
-    struct {
-        const char *options;
-        int number;
-        const char *part;
-    } const table[] = {
-        {"prot=1", 1, "expected host=NAME or port=NUMBER: 'prot=1'"},
+    const std::tuple<const char *, int, std::string> cases[] = {
         {"port=1,x", 1, "expected host=NAME or port=NUMBER: 'x'"},
         {"host=", 1, "host is empty"},
         {"port", 1, "port must be a number from 1 to 65535: ''"},
         {"port=0", 1, "from 1 to 65535: '0'"},
         {"port=65536", 1, "from 1 to 65535: '65536'"},
-        {"port=-1", 1, "from 1 to 65535: '-1'"},
         {"port=12x", 1, "from 1 to 65535: '12x'"},
         {"host=no.such.host.invalid", 4, "host 'no.such.host.invalid' does not resolve"},
-        {"host=300.1.1.1", 4, "host '300.1.1.1' does not resolve"},
     };
-    for (auto &each : table) {
-        Attr attr("monitor=1 topts=" + std::string(each.options));
+    for (auto &[options, number, part] : cases) {
         qrn_event_queue_t *evq = nullptr;
-        EXPECT_EQ(qrn_event_queue_create(&evq, nullptr, nullptr, attr), -1) << each.options;
-        EXPECT_EQ(evq, nullptr);
-        EXPECT_EQ(qrn_errnum(), each.number) << each.options;
-        EXPECT_NE(std::string(qrn_errmsg()).find(each.part), std::string::npos) << qrn_errmsg();
-        EXPECT_NE(std::string(qrnmon_errmsg()).find(each.part), std::string::npos);
+        Attr attr("monitor=1 topts=" + std::string(options));
+        EXPECT_EQ(qrn_event_queue_create(&evq, nullptr, nullptr, attr), -1) << options;
+        EXPECT_EQ(qrn_errnum(), number) << options;
+        EXPECT_NE(std::string(qrn_errmsg()).find(part), std::string::npos) << qrn_errmsg();
+        EXPECT_NE(std::string(qrnmon_errmsg()).find(part), std::string::npos);
     }
 }
 
@@ -404,9 +335,9 @@ TEST_F(Mon, QueuesOfOneDestinationShareAController)
 TEST_F(Mon, AControllerEndsWithItsLastQueue)
 {
     Receiver other;
-    Queue staying("monitor=1 topts=" + in.options());
+    Queue staying("monitor=1 topts=" + in.options);
     {
-        Queue going("monitor=1 topts=" + other.options());
+        Queue going("monitor=1 topts=" + other.options);
         EXPECT_EQ(other.row()["seq"], "1");
         EXPECT_EQ(samplers(), 2);
     }
@@ -418,16 +349,15 @@ TEST_F(Mon, AControllerEndsWithItsLastQueue)
 TEST_F(Mon, MisuseIsAnError)
 {
     Queue q;
-    Controller by(in.options());
-    qrnmon_sctl_t *none = nullptr;
-    auto create = [&](const qrnmon_format_func_t *format, const void *opts,
-                      const qrnmon_transport_func_t *transport) {
+    Controller by(in.options);
+    auto create = [](const qrnmon_format_func_t *format, const void *opts,
+                     const qrnmon_transport_func_t *transport) {
+        qrnmon_sctl_t *none = nullptr;
         return qrn_automon_sctl_create(&none, format, opts, transport, nullptr);
     };
     EXPECT_EQ(create(nullptr, nullptr, qrnmon_transport_qrn_module()), -1);
     EXPECT_EQ(create(qrnmon_format_csv_module(), "x", qrnmon_transport_qrn_module()), -1);
     EXPECT_EQ(create(qrnmon_format_csv_module(), nullptr, nullptr), -1);
-    EXPECT_EQ(none, nullptr);
     EXPECT_EQ(qrnmon_evq_monitor(by.sctl, nullptr, nullptr, 1), -1);
     EXPECT_EQ(qrnmon_evq_monitor(by.sctl, q, nullptr, 0), -1);
     EXPECT_EQ(qrnmon_evq_monitor(nullptr, q, nullptr, 1), -1);
@@ -437,35 +367,21 @@ TEST_F(Mon, MisuseIsAnError)
     EXPECT_EQ(qrnmon_evq_monitor(by.sctl, q, nullptr, 1), -1);
     EXPECT_EQ(qrnmon_errnum(), 4);
     EXPECT_EQ(qrnmon_evq_unmonitor(nullptr, q), 0);
-    by.release();
-    qrn_automon_sctl_destroy(); // one too many
+    qrn_automon_sctl_destroy(); // the one of `by` is one too many
 }
 
-double seconds_of(clockid_t clock)
-{
-    timespec now{};
-    clock_gettime(clock, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
-
-// No burst overruns the receiver. Prints what sampling costs.
+// No burst overruns the receiver.
 TEST_F(Mon, AHundredQueuesAreSampledEachSecond)
 {
     std::vector<std::unique_ptr<Queue>> queues;
     for (int i = 0; i < 100; ++i)
-        queues.push_back(std::make_unique<Queue>("count svc age monitor=1 topts=" + in.options()));
-    double real = seconds_of(CLOCK_MONOTONIC);
-    double used = seconds_of(CLOCK_PROCESS_CPUTIME_ID);
-    std::map<std::string, int> next;
-    for (int received = 0; received < 500; ++received) {
+        queues.push_back(std::make_unique<Queue>("count svc age monitor=1 topts=" + in.options));
+    std::map<std::string, int> last;
+    for (int received = 0; received < 200; ++received) {
         fields row = in.row();
-        EXPECT_EQ(row["seq"], std::to_string(++next[row["queue_id"]])) << row["queue_id"];
+        EXPECT_EQ(row["seq"], std::to_string(++last[row["queue_id"]])) << row["queue_id"];
     }
-    real = seconds_of(CLOCK_MONOTONIC) - real;
-    used = seconds_of(CLOCK_PROCESS_CPUTIME_ID) - used;
-    EXPECT_EQ(next.size(), 100U);
-    std::printf("100 queues sampled and received for %.1f s: %.2f %% of a processor\n", real,
-                100 * used / real);
+    EXPECT_EQ(last.size(), 100U);
 }
 
 std::latch *entered, *go_on;
@@ -479,7 +395,7 @@ TEST_F(Mon, StoppingWaitsForASampleInProgress)
     go_on = &leave;
     left_queue = false;
     Queue q;
-    Controller by(in.options());
+    Controller by(in.options);
     kfx_set_log_sink([](int, const char *line) {
         if (std::string(line).starts_with("[qrn_event_queue_retrieve_stats]")) {
             entered->count_down();
@@ -504,11 +420,11 @@ TEST_F(Mon, StoppingWaitsForASampleInProgress)
 TEST_F(Mon, QueuesComeAndGoWhileTheyAreSampled)
 {
     Receiver other;
-    Queue sampled("monitor=1 topts=" + in.options());
+    Queue sampled("monitor=1 topts=" + in.options);
     auto churn = [&](int thread) {
         for (int i = 0; i < 100; ++i) {
             const Receiver &to = (thread + i) % 3 == 0 ? other : in;
-            Queue q("count monitor=1 topts=" + to.options());
+            Queue q("count monitor=1 topts=" + to.options);
             post(q, 1);
             if (i % 4 == 0)
                 std::this_thread::yield();
@@ -521,11 +437,8 @@ TEST_F(Mon, QueuesComeAndGoWhileTheyAreSampled)
     sampled.end();
     EXPECT_EQ(samplers(), 0);
     std::set<std::string> seen;
-    for (std::string line; !(line = in.next(MSG_DONTWAIT)).empty();)
-        if (!line.starts_with("schema,")) {
-            fields row = split(line);
-            EXPECT_TRUE(seen.insert(row["queue_id"] + " " + row["seq"]).second) << line;
-        }
+    for (fields row; !(row = in.row(MSG_DONTWAIT)).empty();)
+        EXPECT_TRUE(seen.insert(row["queue_id"] + " " + row["seq"]).second) << row["seq"];
 }
 
 } // namespace
