@@ -1,38 +1,34 @@
 // SPDX-License-Identifier: Apache-2.0
-// Options by name: good and bad values, sizes and buffers at their edges, null arguments, on records
-// and on running queues. What a call refuses records exactly its message and leaves every option and
-// the mask as they were.
+// Options by name, on a record and on the running queue that owns it: good and bad values, sizes and
+// buffers at their edges, null arguments. What a call refuses records exactly its message and leaves
+// every option and the mask as they were.
+#include <algorithm>
 #include <array>
-#include <atomic>
 #include <climits>
 #include <cstring>
 #include <map>
-#include <memory>
-#include <strings.h>
+#include <span>
 #include <thread>
-#include <tuple>
-#include <vector>
 
 #include "options_common.h"
 
+using namespace test;
+using namespace std::string_literals;
+
 namespace {
 
-using record = qrn_event_queue_attr_t;
+enum kind { threshold, toggle, interval, transport, words };
 
-enum kind { threshold, toggle, interval, transport, text };
-
-// The expected table: the text each test starts with, the size of a typed value, and the numbers of the
-// messages: typed size, typed value, digits, text value, size of a typed buffer, of a text buffer.
-struct row {
+// The text each test starts with, the size of a typed value, and the numbers of the messages: typed
+// size, typed value, digits, text value, size of a typed buffer, of a text buffer.
+constexpr struct row {
     const char *name;
     kind is;
     bool live;
     const char *start;
     size_t size;
     int set_size, set_value, digits, value, get_size, room;
-};
-
-constexpr row rows[] = {
+} rows[] = {
     {"queue_size_warning", threshold, true, "7", 8, 314, 0, 315, 316, 317, 318},
     {"queue_delay_warning", threshold, true, "8", 8, 319, 0, 320, 321, 322, 323},
     {"queue_enqueue_notification", toggle, true, "1", 4, 324, 325, 326, 327, 328, 329},
@@ -43,19 +39,12 @@ constexpr row rows[] = {
     {"queue_count_enabled", toggle, true, "1", 4, 354, 355, 356, 357, 358, 359},
     {"monitor_interval", interval, false, "0", 8, 360, 0, 361, 0, 362, 363},
     {"monitor_transport", transport, false, "qrnsnmp", 4, 364, 365, 0, 366, 367, 368},
-    {"monitor_transport_opts", text, false, "port=1", 0, 0, 0, 0, 0, 0, 0},
-    {"monitor_appid", text, false, "app", 0, 0, 0, 0, 0, 0, 0},
-    {"event_queue_name", text, false, "start", 0, 0, 0, 0, 0, 0, 0},
-    {"application_data", text, true, "bytes", 0, 0, 0, 0, 0, 0, 0},
+    {"monitor_transport_opts", words, false, "port=1", 0, 0, 0, 0, 0, 369, 370},
+    {"monitor_appid", words, false, "app", 0, 0, 0, 0, 0, 371, 372},
+    {"event_queue_name", words, false, "start", 0, 0, 0, 0, 0, 382, 382},
+    {"application_data", words, true, "bytes", 0, 0, 0, 0, 0, 385, 385},
 };
-
-size_t index_of(const char *name)
-{
-    size_t i = 0;
-    while (strcasecmp(rows[i].name, name) != 0)
-        ++i;
-    return i;
-}
+enum { opts = 10, appid, queue_name, data }; // rows of texts
 
 // The labels of the messages, and a letter for each message from 314 on.
 const std::map<char, const char *> labels = {
@@ -69,505 +58,314 @@ const std::map<char, const char *> labels = {
 constexpr char letters[] = "SNXSRSNXSRSBNBSRSBNBSRSBNBSRSBNBSRSBNBSRSBNBSR" // numbers and switches
                            "SNSRSUKSRSSSSMCLVVLVEGHVEH";
 
-// No number, no message. The two of the leading quote have numbers of their own.
-std::string message(int number, const char *label = nullptr)
+// No number, no message.
+std::string message(int number)
 {
-    if (number == 0)
-        return "";
-    if (number < 3)
-        return text_of(
-            "CoreApi-8840-%d: event queue monitor transport opts value cannot start with a '\"'",
-            number);
-    return text_of("CoreApi-5688-%d: %s", number,
-                   label != nullptr ? label : labels.at(letters[size_t(number) - 314]));
+    return number == 0 ? "" : text("CoreApi-5688-%d: %s", number, labels.at(letters[number - 314]));
 }
 
-template <class Call>
-void expect_message(const std::string &refusal, Call call)
-{
-    expect_result(refusal.empty() ? nullptr : refusal.c_str(), call);
-}
+enum operation { typed_set, text_set, typed_get, text_get };
 
 // Every option as text, and the mask.
-using state = std::pair<std::array<std::string, 14>, unsigned>;
+using state = std::pair<std::array<std::string, std::size(rows)>, int>;
 
-// A record, or a queue that runs: the same calls lead to either.
-class options {
-public:
-    explicit options(bool live)
+// Each of these tests reaches the options through the record and through the queue.
+class options_test : public Fixture, public testing::WithParamInterface<bool> {
+protected:
+    void SetUp() override
     {
-        EXPECT_EQ(QRN_OK, qrn_event_queue_attr_create_default(&attr_));
-        for (const row &r : rows)
-            EXPECT_EQ(QRN_OK, qrn_event_queue_attr_str_setopt(attr_, r.name, r.start)) << r.name;
-        EXPECT_EQ(QRN_OK, live ? qrn_event_queue_create(&evq_, nullptr, nullptr, attr_) : QRN_OK);
-        memset(raw()->setopt_mask, 0, 2);
-    }
-    ~options()
-    {
-        EXPECT_EQ(QRN_OK, evq_ != nullptr ? qrn_event_queue_delete(evq_) : QRN_OK);
-        EXPECT_EQ(QRN_OK, qrn_event_queue_attr_delete(attr_));
-    }
-    options(const options &) = delete;
-    options &operator=(const options &) = delete;
-
-    qrn_event_queue_t *evq() { return evq_; }
-    record *raw() { return evq_ != nullptr ? evq_->attr : attr_; }
-    const void *target() { return evq_ != nullptr ? static_cast<void *>(evq_) : attr_; }
-
-    int set(const char *name, const void *value, size_t size)
-    {
-        return evq_ != nullptr ? qrn_event_queue_setopt(evq_, name, value, size)
-                               : qrn_event_queue_attr_setopt(attr_, name, value, size);
-    }
-    int set(const char *name, const char *value)
-    {
-        return evq_ != nullptr ? qrn_event_queue_str_setopt(evq_, name, value)
-                               : qrn_event_queue_attr_str_setopt(attr_, name, value);
-    }
-    int get(const char *name, void *value, size_t *size)
-    {
-        return evq_ != nullptr ? qrn_event_queue_getopt(evq_, name, value, size)
-                               : qrn_event_queue_attr_getopt(attr_, name, value, size);
-    }
-    int get_text(const char *name, char *value, size_t *size)
-    {
-        return evq_ != nullptr ? qrn_event_queue_str_getopt(evq_, name, value, size)
-                               : qrn_event_queue_attr_str_getopt(attr_, name, value, size);
+        Fixture::SetUp();
+        for (const row &r : rows) {
+            std::string name = r.name; // in capitals: the case does not matter
+            std::ranges::transform(name, name.begin(), toupper);
+            EXPECT_EQ(QRN_OK, qrn_event_queue_attr_str_setopt(attr, name.c_str(), r.start));
+        }
+        memset(attr->setopt_mask, 0, 2);
     }
 
+    // One of the four operations; a setter takes the length that `size` points to.
+    int call(operation which, const char *name, void *value, size_t *size)
+    {
+        const size_t length = size == nullptr ? 0 : *size;
+        auto *const chars = static_cast<char *>(value);
+        switch (which) {
+        case typed_set:
+            return live ? qrn_event_queue_setopt(evq, name, value, length)
+                        : qrn_event_queue_attr_setopt(attr, name, value, length);
+        case text_set:
+            return live ? qrn_event_queue_str_setopt(evq, name, chars)
+                        : qrn_event_queue_attr_str_setopt(attr, name, chars);
+        case typed_get:
+            return live ? qrn_event_queue_getopt(evq, name, value, size)
+                        : qrn_event_queue_attr_getopt(attr, name, value, size);
+        default:
+            return live ? qrn_event_queue_str_getopt(evq, name, chars, size)
+                        : qrn_event_queue_attr_str_getopt(attr, name, chars, size);
+        }
+    }
+
+    // Reads everything, numbers in both forms.
     state now()
     {
-        state all;
-        for (size_t i = 0; i < std::size(rows); ++i) {
+        state all{{},
+                  static_cast<unsigned char>(attr->setopt_mask[0]) + attr->setopt_mask[1] * 256};
+        for (size_t i = 0; const row &r : rows) {
             char value[512] = "";
             size_t size = sizeof value - 1;
-            EXPECT_EQ(QRN_OK, get_text(rows[i].name, value, &size)) << rows[i].name;
-            all.first[i] = value;
+            EXPECT_EQ(QRN_OK, call(text_get, r.name, value, &size)) << r.name;
+            all.first[i++] = value;
+            unsigned long number = 0;
+            if (r.is == words)
+                continue;
+            EXPECT_EQ(QRN_OK, call(typed_get, r.name, &number, &(size = r.size))) << r.name;
+            const char *const transports[] = {"", "qrn", "qrnsnmp"};
+            EXPECT_EQ(value, r.is == transport ? transports[number] : std::to_string(number));
         }
-        const auto *mask = reinterpret_cast<const unsigned char *>(raw()->setopt_mask);
-        all.second = mask[0] + mask[1] * 256U;
         return all;
     }
 
-    // Sets an option, from text or typed, and expects the message, or the option's new value and bit.
-    template <class... Value>
-    void expect(const char *name, int refused, const std::string &result, Value... value)
+    // Sets an option and expects the refusal, or the new text and the mark.
+    void expect_set(const row &r, operation which, std::string given, size_t size,
+                    std::string refusal, const std::string &result)
     {
-        SCOPED_TRACE(name);
-        const size_t i = index_of(name);
-        std::string refusal = message(refused);
+        SCOPED_TRACE(what(r.name, given, size));
+        const auto i = static_cast<size_t>(&r - rows);
         state expected = now();
-        if (evq_ != nullptr && !rows[i].live)
-            refusal = message(sizeof...(value) == 2 ? 307 : 309,
-                              text_of("option %s unknown", name).c_str());
-        else if (refused <= 2) // a refused leading quote leaves the option unset
-            expected.first[i] = result;
-        if (refusal.empty())
-            expected.second |= 1U << i;
-        expect_message(refusal, [&] { return set(name, value...); });
+        if (live && !r.live)
+            refusal = text("CoreApi-5688-%d: option %s unknown", 307 + 2 * which, r.name);
+        else if (refusal.empty() || given[0] == '"')
+            expected.first[i] = result; // a refused leading quote leaves the option unset
+        expected.second |= refusal.empty() ? 1 << i : 0;
+        expect_result(refusal, [&] { return call(which, r.name, given.data(), &size); });
         EXPECT_EQ(expected, now());
     }
 
-private:
-    record *attr_ = nullptr;
-    qrn_event_queue_t *evq_ = nullptr;
-};
+    // Reads an option into a buffer of this size; what is not written stays 'x'.
+    void expect_get(const row &r, operation which, size_t size, int refused, size_t length,
+                    const std::string &written)
+    {
+        SCOPED_TRACE(what(r.name, which, size));
+        std::vector<char> buffer(size, 'x'), expected = buffer;
+        buffer.reserve(1); // never null
+        std::ranges::copy(written, expected.begin());
+        expect_result(message(refused), [&] { return call(which, r.name, buffer.data(), &size); });
+        EXPECT_EQ(length, size);
+        EXPECT_EQ(expected, buffer);
+    }
 
-// Each of these tests runs on a record and on a queue that runs.
-class options_test : public testing::TestWithParam<bool> {
-protected:
-    captured_log log_;
-    options options_{GetParam()};
+    const bool live = GetParam();
+    Queue queue;
+    qrn_event_queue_t *evq = queue;
+    qrn_event_queue_attr_t *attr = queue->attr;
 };
 
 INSTANTIATE_TEST_SUITE_P(each, options_test, testing::Bool(),
                          [](const auto &p) { return p.param ? "live" : "record"; });
 
-std::string upper(std::string name)
+TEST_P(options_test, sizes_are_exact_and_buffers_hold_the_text)
 {
-    for (char &c : name)
-        c = static_cast<char>(toupper(c));
-    return name;
-}
-
-TEST_P(options_test, sizes_are_exact)
-{
-    for (const row &r : rows) {
-        if (r.is == text)
-            continue;
-        char value[80] = {1};
+    for (const row &r : std::span(rows).first(opts)) {
         for (const size_t size : {size_t{0}, r.size - 1, r.size + 1, 12 - r.size, size_t{80}}) {
-            options_.expect(r.name, r.set_size, "", static_cast<void *>(value), size);
-            size_t length = size;
-            expect_message(message(r.get_size),
-                           [&] { return options_.get(r.name, value, &length); });
-            EXPECT_EQ(size, length);
+            expect_set(r, typed_set, std::string(80, 1), size, message(r.set_size), "");
+            expect_get(r, typed_get, size, r.get_size, size, "");
         }
-        size_t length = 79;
-        expect_message(message(r.room), [&] { return options_.get_text(r.name, value, &length); });
-        EXPECT_EQ(79U, length);
-        EXPECT_EQ('\1', value[0]);
-        length = 80;
-        expect_message("", [&] { return options_.get_text(r.name, value, &length); });
-        EXPECT_STREQ(r.start, value);
-        EXPECT_EQ(strlen(r.start), length);
+        const size_t length = strlen(r.start);
+        expect_get(r, text_get, 79, r.room, 79, "");
+        const size_t zeros = r.is == transport ? 80 - length : 1;
+        expect_get(r, text_get, 80, 0, length, r.start + std::string(zeros, '\0'));
     }
+    for (const row &r : std::span(rows).subspan(opts)) {
+        const std::string all(r.start, strlen(r.start) + 1);
+        const size_t missing = &r < &rows[queue_name] ? all.size() - 1 : all.size();
+        expect_get(r, typed_get, all.size() - 1, r.get_size, missing, "");
+        expect_get(r, text_get, all.size() - 1, r.room, missing, "");
+        for (const operation get : {typed_get, text_get})
+            expect_get(r, get, all.size(), 0, all.size() - (&r == &rows[data] ? 0 : 1), all);
+    }
+    const std::string zeros(45, '\0'); // fill a name's buffer
+    expect_get(rows[queue_name], text_get, 50, 0, 5, "start" + zeros);
 }
 
-TEST_P(options_test, typed_values)
+std::string bytes(unsigned long number)
 {
+    return {reinterpret_cast<const char *>(&number), sizeof number};
+}
+
+TEST_P(options_test, values_of_a_fixed_size)
+{
+    const std::string digits = "digits", value = "value",
+                      most = std::to_string(ULONG_MAX); // refused
     const struct {
-        kind of;
-        unsigned long value; // its low bytes
-        const char *result;  // null: refused
+        operation set;
+        std::string given, result[4]; // for each kind
     } cases[] = {
-        {threshold, ULONG_MAX, "18446744073709551615"},
-        {threshold, 0, "0"},
-        {toggle, UINT_MAX, nullptr},
-        {toggle, 2, nullptr},
-        {toggle, 1UL << 31, nullptr},
-        {toggle, 0, "0"},
-        {toggle, 1, "1"},
-        {interval, (1UL << 32) + 5, "5"},
-        {transport, 0, nullptr},
-        {transport, 3, nullptr},
-        {transport, UINT_MAX, nullptr},
-        {transport, 1, "qrn"},
+        {typed_set, bytes(0), {"0", "0", "0", value}},
+        {typed_set, bytes(1), {"1", "1", "1", "qrn"}},
+        {typed_set, bytes(3), {"3", value, "3", value}},
+        {typed_set, bytes((1UL << 32) + 2), {"4294967298", value, "2", "qrnsnmp"}},
+        {typed_set, bytes(ULONG_MAX), {most, value, "4294967295", value}},
+        {text_set, "", {value, "0", "0", value}},
+        {text_set, " x", {value, "0", "0", value}},
+        {text_set, "01 and more", {"1", "1", "1", value}},
+        {text_set, "010", {"10", value, "10", value}},
+        {text_set, " -1", {most, value, "4294967295", value}},
+        {text_set, "-1", {digits, digits, digits, value}},
+        {text_set, "1x", {digits, digits, digits, value}},
+        {text_set, "\xB2", {digits, digits, digits, value}},
+        {text_set, "4294967297", {"4294967297", value, "1", value}},
+        {text_set, std::string(20, '9'), {most, value, "4294967295", value}},
+        {text_set, "QRN", {digits, digits, digits, "qrn"}},
+        {text_set, "QrnSnmp", {digits, digits, digits, "qrnsnmp"}},
+        {text_set, "qrn ", {digits, digits, digits, value}},
     };
-    for (const auto &c : cases) {
-        for (const row &r : rows) {
-            if (r.is != c.of)
-                continue;
-            const bool refused = c.result == nullptr;
-            options_.expect(r.name, refused ? r.set_value : 0, refused ? "" : c.result,
-                            static_cast<const void *>(&c.value), r.size);
-            unsigned long value = 0;
-            size_t size = r.size;
-            expect_message("", [&] { return options_.get(r.name, &value, &size); });
-            EXPECT_EQ(r.size, size);
-            const bool set = !refused && (r.live || !GetParam());
-            EXPECT_TRUE(!set || value == (r.is == interval ? 5 : c.value)) << r.name << value;
+    for (const auto &[set, given, result] : cases)
+        for (const row &r : std::span(rows).first(opts)) {
+            const int bad_value = set == typed_set ? r.set_value : r.value;
+            const int refused = result[r.is] == value    ? bad_value
+                                : result[r.is] == digits ? r.digits
+                                                         : 0;
+            expect_set(r, set, given, r.size, message(refused), result[r.is]);
         }
-    }
-}
-
-TEST_P(options_test, texts_of_numbers)
-{
-    enum outcome { set, bad_digits, bad_value };
-    using texts = std::vector<std::pair<const char *, const char *>>; // given, result
-    const std::tuple<kind, outcome, texts> cases[] = {
-        {threshold, set,
-         texts{{"1000 events", "1000"},
-               {" 12", "12"},
-               {"007", "7"},
-               {"99999999999999999999", "18446744073709551615"}}},
-        {threshold, bad_digits,
-         texts{{"12x", ""}, {"-1", ""}, {"+1", ""}, {"0x1", ""}, {"\xB2", ""}}},
-        {threshold, bad_value, texts{{"", ""}, {" \t", ""}, {" x", ""}}},
-        {toggle, set, texts{{"", "0"}, {"1 and more", "1"}, {" x", "0"}, {"01", "1"}}},
-        {toggle, bad_digits, texts{{"y", ""}, {"-1", ""}}},
-        {toggle, bad_value, texts{{"2", ""}, {" -1", ""}, {"4294967297", ""}}},
-        {interval, set,
-         texts{{"4294967301", "5"},
-               {" -1", "4294967295"},
-               {"9223372036854775813", "4294967295"},
-               {"", "0"}}},
-        {interval, bad_digits, texts{{"1s", ""}}},
-        {transport, set, texts{{"QRN", "qrn"}, {"QrnSnmp", "qrnsnmp"}}},
-        {transport, bad_value, texts{{"qrn ", ""}, {"", ""}}},
-    };
-    for (const auto &[of, is, values] : cases) {
-        for (const row &r : rows) {
-            const int refusal[] = {0, r.digits, r.value};
-            for (const auto &[given, result] : values) {
-                SCOPED_TRACE(given);
-                if (r.is == of)
-                    options_.expect(r.name, refusal[is], result, given);
-            }
-        }
-    }
 }
 
 TEST_P(options_test, texts)
 {
-    constexpr size_t as_text = SIZE_MAX;
     const std::string longest(128, 'n'), any(300, 'a');
+    const char quote[] =
+        "CoreApi-8840-%d: event queue monitor transport opts value cannot start with a '\"'";
     const struct {
-        const char *name;
+        int option;
+        operation set;
         std::string given;
         size_t size; // of the typed form
-        int refused;
-        std::string result;
+        std::string refusal, result;
     } cases[] = {
-        {"monitor_transport_opts", "%s%n \"quoted\"", as_text, 0, "%s%n \"quoted\""},
-        {"monitor_transport_opts", any, as_text, 0, any},
-        {"monitor_transport_opts", "\"x", as_text, 2, ""},
-        {"monitor_transport_opts", "ttl=2", 0, 0, "ttl=2"},
-        {"monitor_transport_opts", "\"", 1, 1, ""},
-        {"monitor_transport_opts", "", as_text, 0, ""},
-        {"monitor_appid", "\"any text", as_text, 0, "\"any text"},
-        {"monitor_appid", "", as_text, 0, ""},
-        {"monitor_appid", "other", 1, 0, "other"},
-        {"event_queue_name", "a-B_9", as_text, 0, "a-B_9"},
-        {"event_queue_name", longest, as_text, 0, longest},
-        {"event_queue_name", longest + "n", as_text, 378, ""},
-        {"event_queue_name", "a.b", as_text, 374, ""},
-        {"event_queue_name", "\xE9", as_text, 374, ""},
-        {"event_queue_name", "n.n", 129, 375, ""},
-        {"event_queue_name", "n.n", 128, 374, ""},
-        {"event_queue_name", any, 0, 0, any}, // only the length that is given is judged
-        {"event_queue_name", "", as_text, 0, ""},
-        {"application_data", "ab", as_text, 0, "ab"},
-        {"application_data", std::string("a\0b", 4), 4, 0, "a"},
-        {"application_data", "", as_text, 0, ""},
+        {opts, text_set, "%s%n \"quoted\"", 0, "", "%s%n \"quoted\""},
+        {opts, text_set, "\"x", 0, text(quote, 2), ""},
+        {opts, typed_set, any, 0, "", any},
+        {opts, typed_set, "\"", 1, text(quote, 1), ""},
+        {appid, text_set, "\"any text", 0, "", "\"any text"},
+        {appid, typed_set, "", 1, "", ""},
+        {queue_name, text_set, "a-B_9", 0, "", "a-B_9"},
+        {queue_name, text_set, longest, 0, "", longest},
+        {queue_name, text_set, longest + "n", 0, message(378), ""},
+        {queue_name, text_set, "\xE9", 0, message(374), ""},
+        {queue_name, typed_set, "n.n", 128, message(374), ""},
+        {queue_name, typed_set, "n.n", 129, message(375), ""},
+        {queue_name, typed_set, any, 0, "", any}, // only the length that is given is judged
+        {queue_name, text_set, "", 0, "", ""},
+        {data, text_set, "ab", 0, "", "ab"},
+        {data, typed_set, "abc", 2, "", "ab"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.given);
-        if (c.size == as_text)
-            options_.expect(c.name, c.refused, c.result, c.given.c_str());
-        else
-            options_.expect(c.name, c.refused, c.result, static_cast<const void *>(c.given.data()),
-                            c.size);
-    }
+    for (const auto &c : cases)
+        expect_set(rows[c.option], c.set, c.given, c.size, c.refusal, c.result);
 }
 
-TEST_P(options_test, names_match_ignoring_case_and_nothing_else)
+// The call is traced, null is refused, the option is traced and looked up.
+TEST_P(options_test, calls_are_traced_and_refuse_null_and_unknown_names)
 {
-    char value[512];
-    size_t size = sizeof value;
-    for (const row &r : rows)
-        options_.expect(upper(r.name).c_str(), 0, r.start, r.start);
-    const state before = options_.now();
-    const int first = GetParam() ? 307 : 299;
-    for (const char *name : {"", "queue_size_warning ", "queue_size_warnin", "%s%n%p"}) {
-        const auto expect = [&](int number, auto call) {
-            expect_message(message(number, text_of("option %s unknown", name).c_str()), call);
-        };
-        expect(first, [&] { return options_.set(name, value, 4); });
-        expect(first + 2, [&] { return options_.set(name, "1"); });
-        expect(first + 4, [&] { return options_.get(name, value, &size); });
-        expect(first + 6, [&] { return options_.get_text(name, value, &size); });
-    }
-    EXPECT_EQ(sizeof value, size);
-    EXPECT_EQ(before, options_.now());
-}
-
-// A call is traced before its arguments are checked, the option after.
-TEST_P(options_test, traces_show_the_arguments)
-{
-    const char *const name = "monitor_appid";
-    char value[128];
-    size_t size = 0;
-    const std::string kind = GetParam() ? "evq" : "attr";
-    const std::string prefix = GetParam() ? "qrn_event_queue_" : "qrn_event_queue_attr_";
-    const std::string target = text_of("%p", options_.target());
-    const std::string at = text_of("optval[%p]", static_cast<void *>(value));
-    const auto expect = [&](const std::string &operation, const std::string &call,
-                            const std::string &option) {
-        std::string expected = "[" + prefix + operation + "] " + kind + "[" + target +
-                               "] optname[monitor_appid] " + call + "\n";
-        if (!option.empty())
-            expected += kind + " " + target + " " + prefix + operation + " [monitor_appid] " +
-                        option + "\n";
-        EXPECT_EQ(expected, log_.take());
-    };
-    log_.take();
+    const char *const names[] = {"setopt", "str_setopt", "getopt", "str_getopt"};
+    const char *const target = live ? "evq" : "attr";
+    const state before = now();
     log_state.dmask = KFX_DBG_API | KFX_DBG_OPTION;
-    options_.set(name, strcpy(value, "x"), 5);
-    expect("setopt", at + " optlen[5]", "optlen[5]");
-    options_.set(name, "%s");
-    expect("str_setopt", "optval[%s]", GetParam() ? "optval[%s]" : "opt val[%s]");
-    options_.get(name, value, &(size = 128));
-    expect("getopt", at + " optlen[128]", "optlen[128]");
-    options_.get_text(name, value, &(size = 127));
-    expect("str_getopt", at + " optlen[127]", "optlen[127]");
-    options_.get_text(name, value, nullptr);
-    expect("str_getopt", at + " optlen[0]", "");
-    options_.set(name, nullptr);
-    expect("str_setopt", "optval[(null)]", "");
-    options_.set(nullptr, value, 1);
-    EXPECT_NE(std::string::npos, log_.take().find("] optname[(null)] optval["));
+    for (const operation which : {typed_set, text_set, typed_get, text_get}) {
+        char value[] = "%s";
+        size_t four = 4;
+        const int number = (live ? 306 : 298) + 2 * which;
+        const std::string function =
+            (live ? "qrn_event_queue_" : "qrn_event_queue_attr_") + std::string(names[which]);
+        const std::string null = text("%s, optname, %s must not be NULL", target,
+                                      which < typed_get ? "and optval" : "optval, and optlen");
+        strings lines;
+        logged.take();
+        const auto refused = [&](const char *name, char *given, size_t *size,
+                                 bool unknown = false) {
+            const void *at = live ? static_cast<void *>(evq) : attr;
+            lines.push_back(text("[%s] %s[%p] optname[%s] ", function.c_str(), target, at,
+                                 name == nullptr ? "(null)" : name));
+            lines.back() += which == text_set
+                                ? text("optval[%s]\n", given == nullptr ? "(null)" : given)
+                                : text("optval[%p] optlen[%d]\n", static_cast<void *>(given),
+                                       size == nullptr ? 0 : 4);
+            if (unknown) {
+                lines.push_back(text("%s %p %s [%s] ", target, at, function.c_str(), name));
+                lines.back() += which != text_set ? "optlen[4]\n"
+                                : live            ? "optval[%s]\n"
+                                                  : "opt val[%s]\n";
+            }
+            const std::string label = unknown ? text("option %s unknown", name) : null;
+            expect_result(text("CoreApi-5688-%d: ", number + (unknown ? 1 : 0)) + label,
+                          [&] { return call(which, name, given, size); });
+        };
+        refused(nullptr, value, &four);
+        refused("monitor_appid", nullptr, &four);
+        if (which >= typed_get)
+            refused("monitor_appid", value, nullptr);
+        for (const char *name : {"", "queue_size_warnin", "queue_size_warning ", "%s%n%p"})
+            refused(name, value, &four, true);
+        const auto of = std::make_pair(std::exchange(evq, nullptr), std::exchange(attr, nullptr));
+        refused("monitor_appid", value, &four);
+        std::tie(evq, attr) = of;
+        EXPECT_EQ(lines, logged.take());
+    }
     log_state.dmask = 0;
+    EXPECT_EQ(before, now());
 }
 
-TEST_P(options_test, a_record_without_a_mask_marks_nothing)
+TEST_P(options_test, a_record_without_texts_reads_as_empty)
 {
-    free(std::exchange(options_.raw()->setopt_mask, nullptr));
-    expect_message("", [&] { return options_.set("queue_size_warning", "12"); });
-    EXPECT_EQ(12U, options_.raw()->q_sz_warn);
-}
-
-// Makes the call with each of its pointer arguments null in turn.
-template <class... Args>
-void expect_null_refused(int number, const char *names, int (*call)(Args...), Args... args)
-{
-    for (unsigned which = 0; which < sizeof...(args); ++which) {
-        unsigned i = 0;
-        const auto nulled = [&](auto argument) {
-            if constexpr (std::is_pointer_v<decltype(argument)>)
-                return i++ == which ? nullptr : argument;
-            else
-                return argument;
-        };
-        const std::tuple<Args...> given{nulled(args)...};
-        if (given != std::tuple<Args...>{args...})
-            expect_message(message(number, names), [&] { return std::apply(call, given); });
-    }
-}
-
-TEST(options_arguments, null_is_refused)
-{
-    captured_log log;
-    options target(true);
-    record *attr = target.raw();
-    qrn_event_queue_t *evq = target.evq();
-    char value[128] = "1";
-    void *bytes = value;
-    size_t size = sizeof value;
-    const char *name = "monitor_appid";
-    const state before = target.now();
-    const char *set = "attr, optname, and optval must not be NULL";
-    const char *get = "attr, optname, optval, and optlen must not be NULL";
-    expect_null_refused<record *, const char *, const void *, size_t>(
-        298, set, qrn_event_queue_attr_setopt, attr, name, value, 4);
-    expect_null_refused<record *, const char *, const char *>(
-        300, set, qrn_event_queue_attr_str_setopt, attr, name, value);
-    expect_null_refused(302, get, qrn_event_queue_attr_getopt, attr, name, bytes, &size);
-    expect_null_refused(304, get, qrn_event_queue_attr_str_getopt, attr, name, +value, &size);
-    set = "evq, optname, and optval must not be NULL";
-    get = "evq, optname, optval, and optlen must not be NULL";
-    expect_null_refused<qrn_event_queue_t *, const char *, const void *, size_t>(
-        306, set, qrn_event_queue_setopt, evq, name, value, 4);
-    expect_null_refused<qrn_event_queue_t *, const char *, const char *>(
-        308, set, qrn_event_queue_str_setopt, evq, name, value);
-    expect_null_refused(310, get, qrn_event_queue_getopt, evq, name, bytes, &size);
-    expect_null_refused(312, get, qrn_event_queue_str_getopt, evq, name, +value, &size);
-    EXPECT_EQ(before, target.now());
-}
-
-TEST(options_arguments, handlers_judge_those_that_may_be_null)
-{
-    captured_log log;
-    options target(false);
-    record *attr = target.raw();
-    char buffer[64];
-    size_t size = 1;
-    const auto &name = qrn_event_queue_attr_opt_table[index_of("event_queue_name")];
-    const auto &data = qrn_event_queue_attr_opt_table[index_of("application_data")];
-    const state before = target.now();
-    const auto expect = [](int number, auto call) { expect_message(message(number), call); };
-    expect(375, [&] { return name.set(attr, nullptr, 129); });
-    expect(376, [&] { return name.set(attr, nullptr, 128); });
-    expect(377, [&] { return name.sset(attr, nullptr); });
-    for (const bool typed : {true, false}) {
-        const auto get = [&](char *value, size_t *length) {
-            return typed ? name.get(attr, value, length) : name.sget(attr, value, length);
-        };
-        expect(379, [&] { return get(nullptr, nullptr); });
-        expect(380, [&] { return get(buffer, nullptr); });
-        expect(381, [&] { return get(buffer, &size); });
-    }
-    expect(383, [&] { return data.get(attr, nullptr, nullptr); });
-    expect(384, [&] { return data.sget(attr, buffer, nullptr); });
-    expect(373, [] { return qrn_event_queue_validate_name(nullptr); });
-    expect(374, [] { return qrn_event_queue_validate_name("a b"); });
-    for (const size_t length : {size_t{0}, size_t{500}})
-        expect(0, [&] { return qrn_event_queue_validate_name(std::string(length, '_').c_str()); });
-    EXPECT_EQ(1U, size);
-    EXPECT_EQ(before, target.now());
-}
-
-TEST(options_texts, buffers_at_the_edge)
-{
-    captured_log log;
-    options target(false);
-    constexpr size_t keep = SIZE_MAX; // the length is left as it was
-    const struct {
-        const char *name, *value; // null: unset
-        size_t size;
-        int typed, text; // messages; 0: accepted
-        size_t length;
-    } cases[] = {
-        {"monitor_transport_opts", "0123456789", 10, 369, 370, keep},
-        {"monitor_transport_opts", "0123456789", 11, 0, 0, 10},
-        {"monitor_transport_opts", "", 0, 369, 370, keep},
-        {"monitor_transport_opts", nullptr, 0, 0, 0, keep},
-        {"monitor_appid", "abc", 3, 371, 372, keep},
-        {"monitor_appid", "abc", 4, 0, 0, 3},
-        {"monitor_appid", nullptr, 50, 0, 0, keep},
-        {"event_queue_name", "abc", 3, 382, 382, 4},
-        {"event_queue_name", "abc", 9, 0, 0, 3},
-        {"event_queue_name", "", 2, 0, 0, 0},
-        {"application_data", "ab", 2, 385, 385, 3},
-        {"application_data", "ab", 3, 0, 0, 3},
-        {"application_data", nullptr, 0, 0, 0, 0},
-        {"application_data", nullptr, 5, 0, 0, 0},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(text_of("%s[%zu]", c.name, c.size));
-        const auto &entry = qrn_event_queue_attr_opt_table[index_of(c.name)];
-        EXPECT_EQ(QRN_OK, entry.sset(target.raw(), c.value));
-        for (const bool typed : {true, false}) {
-            const auto buffer = std::make_unique<char[]>(c.size); // a sanitizer watches its end
-            std::fill_n(buffer.get(), c.size, 'x');
-            size_t length = c.size;
-            expect_message(message(typed ? c.typed : c.text), [&] {
-                return typed ? entry.get(target.raw(), buffer.get(), &length)
-                             : entry.sget(target.raw(), buffer.get(), &length);
-            });
-            EXPECT_EQ(c.length == keep ? c.size : c.length, length);
-            std::string expected(c.size, 'x');
-            if (c.typed == 0 && c.size > 0)
-                expected = c.value == nullptr ? "" : c.value;
-            EXPECT_EQ(expected, std::string(buffer.get(), strnlen(buffer.get(), c.size)));
+    qrn_event_queue_attr_cleanup_internal(attr); // the mask goes too
+    for (const operation get : {typed_get, text_get}) {
+        for (const int option : {opts, appid}) {
+            expect_get(rows[option], get, 0, 0, 0, "");
+            expect_get(rows[option], get, 50, 0, 50, std::string(1, '\0'));
         }
+        expect_get(rows[queue_name], get, 1, 381, 1, "");
+        expect_get(rows[queue_name], get, 2, 0, 0, std::string(1, '\0'));
+        expect_get(rows[data], get, 0, 0, 0, "");
+        expect_get(rows[data], get, 5, 0, 0, std::string(1, '\0'));
     }
+    char twelve[] = "12";
+    EXPECT_EQ(QRN_OK, call(text_set, "queue_size_warning", twelve, nullptr));
+    EXPECT_EQ(12U, attr->q_sz_warn);
 }
 
-TEST(options_texts, values_that_no_setter_leaves)
+using options = Fixture;
+
+TEST_F(options, handlers_judge_null_and_data_is_deprecated)
 {
-    captured_log log;
-    options target(false);
-    char value[100];
-    const auto expect = [&](const char *name, const char *text_of_it) {
-        memset(value, 'x', sizeof value);
-        size_t length = sizeof value - 1;
-        expect_message("", [&] { return target.get_text(name, value, &length); });
-        EXPECT_STREQ(text_of_it, value);
-        EXPECT_EQ(strlen(text_of_it), length);
-    };
-    free(std::exchange(target.raw()->evq_name, nullptr)); // as a new record has it
-    expect("event_queue_name", "");
-    target.raw()->mon_transport_module = -7;
-    expect("monitor_transport", "unknown[-7]");
-    target.raw()->mon_transport_module = 1;
-    expect("monitor_transport", "qrn");
-    EXPECT_EQ(std::string(96, '\0') + 'x', std::string(value + 3, 97)); // zeros fill the buffer
+    Attr attr("");
+    char buffer[4] = "xxx";
+    size_t size = 3;
+    const auto &name = qrn_event_queue_attr_opt_table[queue_name];
+    const auto &bytes_of = qrn_event_queue_attr_opt_table[data];
+    const auto refuses = [](int number, auto call) { expect_result(message(number), call); };
+    refuses(373, [] { return qrn_event_queue_validate_name(nullptr); });
+    refuses(374, [] { return qrn_event_queue_validate_name("a b"); });
+    refuses(0, [] { return qrn_event_queue_validate_name(std::string(500, '_').c_str()); });
+    refuses(375, [&] { return name.set(attr, nullptr, 129); });
+    refuses(376, [&] { return name.set(attr, nullptr, 128); });
+    refuses(377, [&] { return name.sset(attr, nullptr); });
+    refuses(379, [&] { return name.get(attr, nullptr, nullptr); });
+    refuses(380, [&] { return name.sget(attr, buffer, nullptr); });
+    refuses(383, [&] { return bytes_of.get(attr, nullptr, nullptr); });
+    refuses(384, [&] { return bytes_of.sget(attr, buffer, nullptr); });
+    EXPECT_EQ(strings{}, logged.take());
+
+    const std::string deprecated =
+        text("%d Core-10668-05: The event_queue application_data configuration option is "
+             "deprecated and may have no effect in the future.\n",
+             KFX_LOG_WARNING);
+    refuses(0, [&] { return bytes_of.set(attr, "\0\1\0", 3); });
+    refuses(0, [&] { return bytes_of.get(attr, buffer, &size); });
+    EXPECT_EQ(0, memcmp("\0\1\0", buffer, 4));
+    refuses(0, [&] { return bytes_of.set(attr, nullptr, 3); });
+    EXPECT_EQ(0U, attr.attr->app_data_len);
+    refuses(0, [&] { return bytes_of.sset(attr, nullptr); });
+    EXPECT_EQ(strings(3, deprecated), logged.take());
 }
 
-TEST(options_texts, application_data_is_any_bytes_and_deprecated)
-{
-    captured_log log;
-    options target(false);
-    record *attr = target.raw();
-    const auto &data = qrn_event_queue_attr_opt_table[index_of("application_data")];
-    const std::string deprecated = "warning Core-10668-05: The event_queue application_data "
-                                   "configuration option is deprecated "
-                                   "and may have no effect in the future.\n";
-    EXPECT_EQ(deprecated, log.take());
-    EXPECT_EQ(QRN_OK, data.set(attr, "\0\1\0", 3));
-    char bytes[4] = "xxx";
-    size_t length = 3;
-    EXPECT_EQ(QRN_OK, data.sget(attr, bytes, &length));
-    EXPECT_EQ(0, memcmp("\0\1\0", bytes, 4));
-    EXPECT_EQ(QRN_OK, data.set(attr, nullptr, 3));
-    EXPECT_EQ(nullptr, attr->app_data);
-    EXPECT_EQ(0U, attr->app_data_len);
-    EXPECT_EQ(QRN_OK, data.sset(attr, nullptr));
-    EXPECT_EQ(deprecated + deprecated + deprecated, log.take());
-}
-
-TEST(options_tables, hold_every_option_and_the_live_ones)
+TEST_F(options, tables_hold_every_option_and_the_live_ones)
 {
     constexpr int classes[] = {10, 6, 10, 2, 2};
     const auto *live = qrn_event_queue_opt_table;
@@ -579,125 +377,78 @@ TEST(options_tables, hold_every_option_and_the_live_ones)
         ++entry;
     }
     const qrn_event_queue_attr_entry_t end{};
-    EXPECT_EQ(0, memcmp(&end, entry, sizeof end));
-    EXPECT_EQ(0, memcmp(&end, live, sizeof end));
+    EXPECT_EQ(0, memcmp(&end, entry, sizeof end) + memcmp(&end, live, sizeof end));
 }
 
-TEST(options_dump, gives_every_option_that_fits)
+TEST_F(options, dump_gives_every_option_that_fits)
 {
-    captured_log log;
-    options target(false);
-    std::vector<qrn_config_option_t> entries(20);
-    memset(entries.data(), 'x', entries.size() * sizeof entries[0]);
-    int size = 19;
-    const auto dump = [&] {
-        return qrn_event_queue_attr_dump(target.raw(), &size, entries.data());
-    };
-    expect_message("", dump);
-    ASSERT_EQ(14, size);
-    for (size_t i = 0; i < 14; ++i) {
+    Queue queue("topts=" + std::string(126, 'n') + " appid=" + std::string(127, 'n') +
+                " name=" + std::string(127, 'n'));
+    std::array<qrn_config_option_t, 17> entries;
+    memset(&entries, 'x', sizeof entries);
+    queue->attr->mon_transport_module = -7; // no setter leaves this
+    qrn_event_queue_attr_t *attr = queue->attr;
+    int size = 0;
+    const auto dump = [&] { return qrn_event_queue_dump(queue, &size, entries.data()); };
+    log_state.dmask = KFX_DBG_API;
+    expect_result(text("CoreApi-5688-297: value at size must be greater than 0"), dump);
+    EXPECT_EQ(strings{text("[qrn_event_queue_attr_dump] eattr[%p] size[0] opts[%p]\n",
+                           static_cast<void *>(attr), static_cast<void *>(&entries))},
+              logged.take());
+    expect_result(text("CoreApi-5688-294: evq must be valid"),
+                  [&] { return qrn_event_queue_dump(nullptr, &size, nullptr); });
+    expect_result(text("CoreApi-5688-295: eattr must be valid"),
+                  [&] { return qrn_event_queue_attr_dump(nullptr, &size, nullptr); });
+    expect_result(text("CoreApi-5688-296: opts must be valid"),
+                  [&] { return qrn_event_queue_attr_dump(attr, &size, nullptr); });
+    size = 16;
+    EXPECT_EQ(QRN_OK, dump());
+    EXPECT_EQ(message(382), qrn_errmsg()); // of the last that was left out
+    ASSERT_EQ(12, size);
+    for (size_t i = 0;
+         const char *value : {"0", "0", "0", "0", "1", "0", "0", "0", "0", "unknown[-7]"}) {
         EXPECT_STREQ("event_queue", entries[i].type);
         EXPECT_STREQ(rows[i].name, entries[i].oname);
-        EXPECT_STREQ(rows[i].start, entries[i].val);
+        EXPECT_STREQ(value, entries[i++].val);
     }
-    const std::vector<char> zeros(5 * sizeof entries[0]);
-    EXPECT_EQ(0, memcmp(zeros.data(), &entries[14], zeros.size()));
-    EXPECT_EQ('x', entries[19].type[0]);
-
-    // What does not fit is left out, and the last such error stays recorded.
-    const std::string fits(126, 'n'), too_long(127, 'n');
-    target.expect("monitor_transport_opts", 0, fits, fits.c_str());
-    target.expect("monitor_appid", 0, too_long, too_long.c_str());
-    target.expect("event_queue_name", 0, too_long, too_long.c_str());
-    size = 15;
-    EXPECT_EQ(QRN_OK, dump());
-    ASSERT_EQ(12, size);
-    EXPECT_EQ(fits, entries[10].val);
+    EXPECT_EQ(std::string(126, 'n'), entries[10].val);
     EXPECT_STREQ("application_data", entries[11].oname);
-    EXPECT_EQ(message(382), qrn_errmsg());
-    size = 12; // as many rows as there is room for are looked at
-    EXPECT_EQ(QRN_OK, dump());
-    EXPECT_EQ(11, size);
+    EXPECT_EQ(std::string(4 * sizeof entries[0], '\0') + 'x',
+              std::string(entries[12].type, 4 * sizeof entries[0] + 1));
 }
 
-TEST(options_dump, checks_and_traces_its_arguments)
+// One thread an option sets it, typed and from text, to values whose every bit differs, while the
+// queue is dumped and works. Each value read was set as a whole, and no mark of a neighbour is lost.
+TEST_F(options, are_set_and_read_while_the_queue_runs)
 {
-    captured_log log;
-    options target(true);
-    qrn_config_option_t entry;
-    int size = 0;
-    const auto expect = [](int number, const char *refusal, auto call) {
-        expect_message(number == 0 ? "" : message(number, refusal), call);
-    };
-    log.take();
-    log_state.dmask = KFX_DBG_API;
-    expect(297, "value at size must be greater than 0",
-           [&] { return qrn_event_queue_dump(target.evq(), &size, &entry); });
-    EXPECT_EQ(text_of("[qrn_event_queue_attr_dump] eattr[%p] size[0] opts[%p]\n",
-                      static_cast<void *>(target.raw()), static_cast<void *>(&entry)),
-              log.take());
-    expect(294, "evq must be valid", [&] { return qrn_event_queue_dump(nullptr, &size, &entry); });
-    expect(295, "eattr must be valid",
-           [&] { return qrn_event_queue_attr_dump(nullptr, &size, nullptr); });
-    expect(296, "opts must be valid",
-           [&] { return qrn_event_queue_attr_dump(target.raw(), &size, nullptr); });
-    size = 1;
-    expect(0, "", [&] { return qrn_event_queue_dump(target.evq(), &size, &entry); });
-    EXPECT_STREQ("7", entry.val);
-}
-
-// One thread an option sets it, typed and from text, to values whose every bit differs, while others
-// dump, enqueue and dispatch. Every value read was set as a whole, and no mark of a neighbour is lost.
-TEST(options_live, are_set_and_read_while_the_queue_runs)
-{
-    constexpr int rounds = 2000, posts = 4000;
-    constexpr size_t set_live[] = {0, 1, 2, 5, 6, 7};
-    captured_log log;
-    options target(true);
-    const std::atomic_ref<char> marks(target.raw()->setopt_mask[0]);
+    constexpr int rounds = 20000;
+    Queue queue;
+    const std::atomic_ref<char> marks(queue->attr->setopt_mask[0]);
     std::vector<std::jthread> threads;
-    for (const size_t i : set_live) {
-        threads.emplace_back([&, &r = rows[i], mark = 1 << i] {
+    for (const size_t i : {0UL, 1UL, 2UL, 5UL, 6UL, 7UL})
+        threads.emplace_back([&, name = rows[i].name, size = rows[i].size, mark = 1 << i] {
             for (int n = 0; n < rounds; ++n) {
-                const unsigned long value = n % 2 == 0 ? 0 : r.size == 8 ? ULONG_MAX : 1;
-                const std::string digits = std::to_string(value);
+                const unsigned long value = n % 2 == 0 ? 0 : size == 8 ? ULONG_MAX : 1;
+                const std::string as_text = std::to_string(value);
                 marks &= static_cast<char>(~mark);
-                EXPECT_EQ(QRN_OK, n % 3 == 0 ? target.set(r.name, digits.c_str())
-                                             : target.set(r.name, &value, r.size));
-                EXPECT_EQ(mark, marks & mark);
+                const int result = n % 3 == 0
+                                       ? qrn_event_queue_str_setopt(queue, name, as_text.c_str())
+                                       : qrn_event_queue_setopt(queue, name, &value, size);
+                EXPECT_EQ(QRN_OK | mark, result | (marks & mark));
             }
         });
+    for (int n = 0; n < rounds / 10; ++n) {
+        qrn_config_option_t entries[8];
+        int size = 8;
+        EXPECT_EQ(QRN_OK, qrn_event_queue_dump(queue, &size, entries));
+        for (const auto &entry : entries)
+            EXPECT_TRUE(entry.val == "0"s || entry.val == "1"s ||
+                        entry.val == std::to_string(ULONG_MAX))
+                << entry.val;
+        EXPECT_EQ(QRN_OK, qrn_evq_enq_callback(
+                              queue, [](auto *, void *) {}, nullptr, nullptr));
+        EXPECT_EQ(1, qrn_event_dispatch(queue, QRN_EVQ_DISPATCH_POLL));
     }
-    threads.emplace_back([&] {
-        qrn_config_option_t entries[14];
-        for (int n = 0; n < rounds / 10; ++n) {
-            int size = 14;
-            EXPECT_EQ(QRN_OK, qrn_event_queue_dump(target.evq(), &size, entries));
-            for (const size_t i : set_live) {
-                const std::string most = rows[i].size == 8 ? "18446744073709551615" : "1",
-                                  value = entries[i].val;
-                EXPECT_TRUE(value == "0" || value == most || value == rows[i].start) << value;
-            }
-        }
-    });
-    std::atomic<int> delivered = 0;
-    threads.emplace_back([&] {
-        const auto count = [](qrn_event_queue_t *, void *sum) {
-            ++*static_cast<std::atomic<int> *>(sum);
-        };
-        for (int n = 0; n < posts; ++n)
-            EXPECT_EQ(QRN_OK, qrn_evq_enq_callback(target.evq(), count, nullptr, &delivered));
-    });
-    while (delivered < posts)
-        EXPECT_LE(0, qrn_event_dispatch(target.evq(), QRN_EVQ_DISPATCH_POLL));
-}
-
-TEST(options_death, exhausted_memory_is_reported)
-{
-    options target(false);
-    EXPECT_DEATH(qrn_event_queue_attr_app_data_set(target.raw(), "", SIZE_MAX / 2),
-                 "Core-5688-13: could not allocate 9223372036854775807 bytes "
-                 ".*qrnev_handlers.cpp:|allocation-size-too-big");
 }
 
 } // namespace
