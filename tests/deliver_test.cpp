@@ -120,28 +120,6 @@ TEST_F(DeliverTest, EveryTypeInEveryScenario)
                 expect_delivery(tracking, type, in);
 }
 
-// A call that goes on for long keeps the records of its events for later ones.
-TEST_F(DeliverTest, LongCallsDeliverAlike)
-{
-    Queue queue("count age size=1 cancel");
-    for (int round = 0; round < 3; ++round) {
-        strings expected;
-        for (int i = 0; i < 63; ++i) { // callbacks, then the other types
-            const int type = i < 40 ? CALLBACK : i < 62 ? i % BUNDLE + 1 : UNBLOCK;
-            if (type == UNBLOCK && i < 62)
-                continue;
-            ASSERT_EQ(world.enqueue(queue, type), 0);
-            for (const std::string &line : world.delivered(type, has_callback(type)))
-                expected.push_back(line);
-        }
-        done.take();
-        EXPECT_EQ(qrn_event_dispatch(queue, QRN_EVQ_DISPATCH_BLOCK), 61);
-        EXPECT_EQ(done.take(), expected);
-        EXPECT_EQ(counts_of(queue), counts{});
-        EXPECT_EQ(queue->qsz, 0);
-    }
-}
-
 TEST_F(DeliverTest, TimerIdIsGivenBackUnlessTheTimerGoesOn)
 {
     Queue queue;
