@@ -5,13 +5,13 @@
 #include <arpa/inet.h>
 #include <chrono>
 #include <csignal>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <poll.h>
 #include <pty.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -33,7 +33,7 @@ public:
     void resize(unsigned short width, unsigned short height)
     {
         width_ = width;
-        lines_.assign(height, std::string(width, ' '));
+        lines.assign(height, std::string(width, ' '));
     }
 
     void feed(char c)
@@ -47,28 +47,22 @@ public:
         } else if (c == '\n') {
             ++y_;
         } else {
-            overrun = overrun || x_ >= width_ || y_ >= lines_.size();
+            overrun = overrun || x_ >= width_ || y_ >= lines.size();
             if (!overrun)
-                lines_[y_][x_++] = c;
+                lines[y_][x_++] = c;
         }
     }
 
     // The lines without blanks at their ends.
-    strings lines() const
-    {
-        strings out = lines_;
-        for (std::string &line : out)
-            line.resize(line.find_last_not_of(' ') + 1);
-        return out;
-    }
     std::string text() const
     {
         std::string out;
-        for (const std::string &line : lines())
-            out += line + "\n";
+        for (const std::string &line : lines)
+            out += line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
         return out;
     }
 
+    strings lines;
     bool overrun = false; // something was written beyond an edge
     bool taken = false;   // the other screen is shown
 
@@ -77,17 +71,16 @@ private:
     {
         if (escape == "\x1b[H")
             x_ = y_ = 0;
-        else if (escape == "\x1b[K" && y_ < lines_.size())
-            std::fill(lines_[y_].begin() + static_cast<long>(x_), lines_[y_].end(), ' ');
+        else if (escape == "\x1b[K" && y_ < lines.size())
+            std::fill(lines[y_].begin() + static_cast<long>(x_), lines[y_].end(), ' ');
         else if (escape.starts_with("\x1b[?1049"))
             taken = escape.back() == 'h';
         else if (escape == "\x1b[J")
-            for (size_t y = y_ + 1; y < lines_.size(); ++y)
-                lines_[y].assign(width_, ' ');
+            for (size_t y = y_ + 1; y < lines.size(); ++y)
+                lines[y].assign(width_, ' ');
     }
 
     size_t width_ = 0, x_ = 0, y_ = 0;
-    strings lines_;
     std::string escape_;
 };
 
@@ -96,85 +89,80 @@ fs::path tool_path()
     return fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "tools" / "qrnmon";
 }
 
-// Terminal sizes; no width is no terminal.
 struct Size {
     unsigned short width = 0, height = 0;
 };
 
-// The running tool. It picks a free port and tells it.
+// The running tool, in a terminal or, without a width, with its standard output in a file. It picks a
+// free port and tells it.
 class Tool {
 public:
-    explicit Tool(
-        strings args, Size size = {}, std::function<void()> in_child = [] {})
+    explicit Tool(strings args, Size size = {}, rlim_t room = RLIM_INFINITY)
         : screen(size.width, size.height)
     {
-        args.insert(args.begin(), "qrnmon");
-        int to_out[2], to_err[2];
-        EXPECT_EQ(pipe2(to_out, O_CLOEXEC) + pipe2(to_err, O_CLOEXEC), 0);
         winsize window{size.height, size.width, 0, 0};
-        pid_ = size.width > 0 ? forkpty(&out_, nullptr, nullptr, &window) : fork();
-        if (pid_ == 0) {
-            if (size.width == 0)
-                dup2(to_out[1], STDOUT_FILENO);
-            dup2(to_err[1], STDERR_FILENO);
-            setenv("TERM", "xterm", 1);
-            in_child();
-            std::vector<char *> argv;
-            for (std::string &arg : args)
-                argv.push_back(arg.data());
-            argv.push_back(nullptr);
-            execv(tool_path().c_str(), argv.data());
-            _exit(127);
-        }
-        close(to_out[1]);
-        close(to_err[1]);
-        err_ = to_err[0];
+        pid_ = forkpty(&terminal_, nullptr, nullptr, &window);
+        if (pid_ != 0)
+            return;
         if (size.width == 0)
-            out_ = to_out[0];
-        else
-            close(to_out[0]);
+            dup2(out_, STDOUT_FILENO);
+        dup2(err_, STDERR_FILENO);
+        setenv("TERM", "xterm", 1);
+        const rlimit limit{room, room};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        args.insert(args.begin(), "qrnmon");
+        std::vector<char *> argv;
+        for (std::string &arg : args)
+            argv.push_back(arg.data());
+        argv.push_back(nullptr);
+        execv(tool_path().c_str(), argv.data());
+        _exit(127);
     }
     ~Tool()
     {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
+        if (pid_ > 0 && kill(pid_, SIGKILL) == 0)
             waitpid(pid_, nullptr, 0);
-        }
-        close(out_);
-        close(err_);
+        for (int fd : {terminal_, out_, err_})
+            close(fd);
     }
     Tool(const Tool &) = delete;
+
+    std::string out() const { return contents_of(out_); }
+    std::string err() const { return contents_of(err_); }
 
     // Reads on until `seen` holds; fails after half a minute.
     void until(const std::function<bool()> &seen)
     {
         auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         while (!seen()) {
-            pollfd fds[] = {{out_, POLLIN, 0}, {err_, POLLIN, 0}};
-            ASSERT_LT(std::chrono::steady_clock::now(), end) << screen.text() << out << err;
-            ASSERT_FALSE(ended_) << screen.text() << out << err;
-            poll(fds, 2, 100);
-            bool some = false;
-            for (pollfd &each : fds)
-                some = (each.revents != 0 && take(each.fd)) || some;
-            ended_ = !some && ((fds[0].revents | fds[1].revents) & POLLHUP) != 0;
+            ASSERT_LT(std::chrono::steady_clock::now(), end) << screen.text() << out() << err();
+            ASSERT_FALSE(ended_) << screen.text() << out() << err();
+            pollfd fd{terminal_, POLLIN, 0};
+            char bytes[4096];
+            ssize_t size = poll(&fd, 1, 20) > 0 ? read(terminal_, bytes, sizeof bytes) : 0;
+            for (ssize_t i = 0; i < size; ++i)
+                screen.feed(bytes[i]);
+            ended_ = size < 0;
         }
     }
     void until_shown(const std::string &text)
     {
-        until([&] { return (screen.text() + out + err).find(text) != std::string::npos; });
+        until([&] { return (screen.text() + err()).find(text) != std::string::npos; });
     }
 
-    // Sends datagrams to it.
-    void send(const strings &datagrams)
+    // The port it listens on.
+    std::string port()
     {
         const std::string before = "listening on 127.0.0.1:";
-        until([&] { return err.find(before) != err.npos && err.ends_with('\n'); });
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        to.sin_port =
-            htons(static_cast<uint16_t>(std::atoi(err.c_str() + err.find(before) + before.size())));
+        until([&] { return err().find(before) != std::string::npos && err().ends_with('\n'); });
+        const std::string rest = err().substr(err().find(before) + before.size());
+        return rest.substr(0, rest.find('\n'));
+    }
+
+    void send(const strings &datagrams)
+    {
+        sockaddr_in to{
+            AF_INET, htons(static_cast<uint16_t>(std::stoi(port()))), {htonl(INADDR_LOOPBACK)}, {}};
         int fd = socket(AF_INET, SOCK_DGRAM, 0);
         for (const std::string &each : datagrams)
             EXPECT_EQ(sendto(fd, each.data(), each.size(), 0, reinterpret_cast<sockaddr *>(&to),
@@ -183,52 +171,39 @@ public:
         close(fd);
     }
 
-    void press(char key) { EXPECT_EQ(write(out_, &key, 1), 1); }
+    void press(char key) { EXPECT_EQ(write(terminal_, &key, 1), 1); }
     void resize(Size to)
     {
         screen.resize(to.width, to.height);
         winsize window{to.height, to.width, 0, 0};
-        EXPECT_EQ(ioctl(out_, TIOCSWINSZ, &window), 0);
+        EXPECT_EQ(ioctl(terminal_, TIOCSWINSZ, &window), 0);
     }
-    void signal(int number)
-    {
-        ASSERT_GT(pid_, 0);
-        kill(pid_, number);
-    }
+    void terminate() { kill(pid_, SIGTERM); }
 
     // Its exit status, once it has ended by itself.
     int status()
     {
         until([this] { return ended_; });
         if (!ended_)
-            signal(SIGKILL);
+            return -1;
         int status = 0;
         waitpid(std::exchange(pid_, -1), &status, 0);
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
     Screen screen;
-    std::string out; // standard output without a terminal
-    std::string err;
 
 private:
-    bool take(int fd)
+    static std::string contents_of(int fd)
     {
-        char bytes[4096];
-        ssize_t size = read(fd, bytes, sizeof bytes);
-        for (ssize_t i = 0; i < size; ++i)
-            if (fd == err_)
-                err += bytes[i];
-            else if (out_is_screen())
-                screen.feed(bytes[i]);
-            else
-                out += bytes[i];
-        return size > 0;
+        std::string bytes(65536, '\0');
+        bytes.resize(static_cast<size_t>(pread(fd, bytes.data(), bytes.size(), 0)));
+        return bytes;
     }
-    bool out_is_screen() const { return isatty(out_) == 1; }
 
     pid_t pid_ = -1;
-    int out_ = -1, err_ = -1;
+    int terminal_ = -1;
+    int out_ = memfd_create("out", MFD_CLOEXEC), err_ = memfd_create("err", MFD_CLOEXEC);
     bool ended_ = false;
 };
 
@@ -334,51 +309,46 @@ TEST_F(Qrnmon, TheTableFitsTerminalsOfAnySize)
     std::vector<std::unique_ptr<Tool>> tools;
     for (auto &each : table)
         tools.push_back(std::make_unique<Tool>(strings{"--port", "0"}, each.size));
+    for (auto &tool : tools)
+        tool->send(three_queues());
     for (size_t i = 0; i < std::size(table); ++i) {
         Tool &tool = *tools[i];
-        tool.send(three_queues());
-        auto as_expected = [&] {
-            strings lines = tool.screen.lines();
+        tool.until([&] {
+            const strings lines = tool.screen.lines;
             for (size_t row = 0; row < table[i].rows.size(); ++row)
                 if (!lines[row + 1].starts_with(table[i].rows[row]))
                     return false;
-            return lines[0] != "";
-        };
-        tool.until(as_expected);
+            return lines[0].front() != ' ';
+        });
         EXPECT_TRUE(tool.screen.taken);
         tool.press('q');
         EXPECT_EQ(tool.status(), 0);
-        EXPECT_FALSE(tool.screen.overrun) << tool.screen.text();
-        EXPECT_FALSE(tool.screen.taken);
+        EXPECT_FALSE(tool.screen.overrun || tool.screen.taken) << tool.screen.text();
     }
 }
 
 TEST_F(Qrnmon, KeysSortAndTheTableFollowsTheTerminal)
 {
     Tool tool({"--port", "0", "--sort", "i"}, {80, 12});
-    auto first_rows = [&](const strings &names) {
-        tool.until([&] {
-            for (size_t i = 0; i < names.size(); ++i)
-                if (tool.screen.lines()[2 + i].find(names[i]) != 1)
+    tool.send(three_queues());
+    const std::pair<char, strings> table[] = {
+        {' ', {"quotes", "orders", "audit"}}, {'d', {"audit", "orders", "quotes"}},
+        {'r', {"quotes", "orders", "audit"}}, {'n', {"quotes", "orders", "audit"}},
+        {'r', {"audit", "orders", "quotes"}},
+    };
+    for (auto &[key, names] : table) {
+        tool.press(key);
+        tool.until([&, &order = names] {
+            for (size_t i = 0; i < order.size(); ++i)
+                if (tool.screen.lines[2 + i].find(order[i]) != 1)
                     return false;
             return true;
         });
-    };
-    tool.send(three_queues());
-    first_rows({"quotes", "orders", "audit"});
-    tool.press('d');
-    first_rows({"audit", "orders", "quotes"});
-    tool.press('r');
-    first_rows({"quotes", "orders", "audit"});
-    tool.press('n');
-    first_rows({"quotes", "orders", "audit"});
-    tool.press('r');
-    first_rows({"audit", "orders", "quotes"});
+    }
     tool.resize({40, 6});
     tool.until_shown(
         "\n QUEUE     DEPTH  IN/s OUT/s   AGE   SVC\n audit         7     0     0  1.0m  35us\n");
-    EXPECT_EQ(tool.screen.lines()[0].find('\n'), std::string::npos);
-    tool.signal(SIGTERM);
+    tool.terminate();
     EXPECT_EQ(tool.status(), 0);
     EXPECT_FALSE(tool.screen.overrun);
 }
@@ -386,24 +356,22 @@ TEST_F(Qrnmon, KeysSortAndTheTableFollowsTheTerminal)
 TEST_F(Qrnmon, TellsOfLossSilenceAndForeignDatagrams)
 {
     Tool tool({"--port", "0"}, {100, 14});
-    tool.send({record({"orders", 1, 10, 0, 1, 1}), record({"orders", 5, 20, 0, 1, 1}),
-               record({"orders", 5, 20, 0, 1, 1}), record({"orders", 4, 15, 0, 1, 1})});
-    tool.until_shown("orders (feed, pid 4242): 3 samples lost before sample 5");
-    tool.until_shown("1 queue  3 lost");
-    tool.until_shown("orders (feed, pid 4242): silent for ");
-    tool.until_shown("3 lost  1 silent");
-    tool.until_shown("?orders");
-    tool.send({record({"orders", 6, 30, 0, 1, 1})});
-    tool.until_shown("orders (feed, pid 4242): back after");
-    tool.until_shown(" orders");
-    std::string good = record({"orders", 7, 10, 0});
-    tool.send({"", "hello\n", "1,2,3\n", good.substr(0, good.size() / 2), good + good,
+    const auto orders = [](uint64_t seq) { // with no interval, so that silence is soon
+        return record({"orders", seq, 5 * seq, 0, 1, 0});
+    };
+    tool.send({orders(1), orders(5), orders(5), orders(4)});
+    for (const char *text :
+         {"orders (feed, pid 4242): 3 samples lost before sample 5",
+          "orders (feed, pid 4242): silent for ", "1 queue  3 lost  1 silent", "?orders"})
+        tool.until_shown(text);
+    std::string good = record({"orders", 7, 40, 4});
+    tool.send({orders(6), "", "hello\n", "1,2,3\n", good.substr(0, good.size() / 2), good + good,
                "2" + good.substr(1), std::string(3000, ','), "1," + std::string(100, '"') + "\n",
-               std::string("\x1b[2J\0", 5)});
-    tool.until_shown("9 malformed");
-    tool.until_shown("malformed datagram from 127.0.0.1:");
-    tool.send({record({"orders", 7, 40, 4})});
-    tool.until_shown(" orders       feed             4242      4");
+               std::string("\x1b[2J\0", 5), good});
+    for (const char *text :
+         {"orders (feed, pid 4242): back after", "9 malformed",
+          "malformed datagram from 127.0.0.1:", " orders       feed             4242      4"})
+        tool.until_shown(text);
     EXPECT_FALSE(tool.screen.overrun);
 }
 
@@ -418,18 +386,19 @@ std::string header()
 TEST_F(Qrnmon, LeavesRecordsFiguresAndAPicture)
 {
     bool gnuplot = std::system("command -v gnuplot >/dev/null") == 0;
-    strings args = {"--port", "0", "--for", "2", "--csv", file("a.csv"), "--prom", file("a.prom")};
+    strings args = {"--port", "0", "--csv", file("a.csv"), "--prom", file("a.prom")};
     if (gnuplot)
         args.insert(args.end(), {"--plot", file("a.png")});
     Tool tool(args);
     strings sent = three_queues();
     sent.insert(sent.begin() + 1, {header(), "rubbish"});
     tool.send(sent);
-    EXPECT_EQ(tool.status(), 0) << tool.err;
     std::string rows = header();
     for (const std::string &each : three_queues())
         rows += each;
-    EXPECT_EQ(contents("a.csv"), rows);
+    tool.until([&] { return contents("a.csv") == rows; });
+    tool.terminate();
+    EXPECT_EQ(tool.status(), 0) << tool.err();
     const std::string labels =
         "{host=\"127.0.0.1\",pid=\"4242\",app=\"feed\",queue=\"orders\",queue_id=\"1\"";
     for (const std::string &line :
@@ -440,10 +409,10 @@ TEST_F(Qrnmon, LeavesRecordsFiguresAndAPicture)
           std::string("# TYPE qrn_queue_events_total counter\n"),
           std::string("qrnmon_malformed_total 1\n")})
         EXPECT_NE(contents("a.prom").find(line), std::string::npos) << line << contents("a.prom");
-    EXPECT_NE(tool.out.find(
+    EXPECT_NE(tool.out().find(
                   "\n!orders     feed             6   100    97 1.2ms   11ms  35us    S40     0"),
               std::string::npos)
-        << tool.out;
+        << tool.out();
     EXPECT_EQ(contents("a.png").substr(0, 4), gnuplot ? "\x89PNG" : "");
     EXPECT_EQ(std::distance(fs::directory_iterator(folder), {}), gnuplot ? 3 : 2);
 }
@@ -451,32 +420,24 @@ TEST_F(Qrnmon, LeavesRecordsFiguresAndAPicture)
 TEST_F(Qrnmon, GoesOnWhenADiskIsFull)
 {
     rlim_t room = header().size() + 2 * record({"orders", 1, 0, 0}).size() + 10;
-    Tool tool({"--port", "0", "--for", "2", "--csv", file("a.csv")}, {}, [room] {
-        rlimit limit{room, room};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    });
+    Tool tool({"--port", "0", "--csv", file("a.csv")}, {}, room);
     strings sent;
     for (uint64_t seq = 1; seq < 6; ++seq)
         sent.push_back(record({"orders", seq, 0, 0}));
     tool.send(sent);
+    tool.until_shown("a.csv cannot be written, records are left out: File too large");
+    tool.terminate();
     EXPECT_EQ(tool.status(), 2);
     EXPECT_EQ(contents("a.csv"), header() + sent[0] + sent[1]);
-    EXPECT_NE(tool.err.find("a.csv cannot be written, records are left out: File too large"),
-              std::string::npos);
-    EXPECT_EQ(std::ranges::count(tool.err, '\n'), 2) << tool.err;
-    EXPECT_NE(tool.out.find("1 queue\n"), std::string::npos) << tool.out;
+    EXPECT_EQ(std::ranges::count(tool.err(), '\n'), 2) << tool.err();
+    EXPECT_TRUE(tool.out().find("1 queue\n") != std::string::npos) << tool.out();
 }
 
 TEST_F(Qrnmon, SaysInOneLineWhatCannotBeDone)
 {
     Tool first({"--port", "0"});
-    first.until_shown("listening on 127.0.0.1:");
-    std::string taken = first.err.substr(first.err.rfind(':') + 1);
-    taken.pop_back();
-    struct {
-        strings args;
-        std::string line;
-    } const table[] = {
+    const std::string taken = first.port();
+    const std::pair<strings, std::string> table[] = {
         {{"--port", taken},
          "cannot listen on 127.0.0.1 port " + taken + ": Address already in use"},
         {{"--port", "65536"}, "--port must be a number from 0 to 65535: '65536'"},
@@ -492,16 +453,16 @@ TEST_F(Qrnmon, SaysInOneLineWhatCannotBeDone)
         {{"--nonsense"}, "unknown option '--nonsense'"},
         {{"extra"}, "unexpected argument 'extra'"},
     };
-    for (auto &each : table) {
-        Tool tool(each.args);
-        EXPECT_EQ(tool.status(), 2) << each.line;
-        EXPECT_TRUE(tool.err.starts_with("qrnmon: " + each.line)) << tool.err;
-        EXPECT_EQ(std::ranges::count(tool.err, '\n'), 1) << tool.err;
-        EXPECT_EQ(tool.out, "");
+    for (auto &[args, line] : table) {
+        Tool tool(args);
+        EXPECT_EQ(tool.status(), 2) << line;
+        EXPECT_TRUE(tool.err().starts_with("qrnmon: " + line)) << tool.err();
+        EXPECT_EQ(std::ranges::count(tool.err(), '\n'), 1) << tool.err();
+        EXPECT_EQ(tool.out(), "");
     }
-    Tool alone({"--once", "--port", "0"});
+    Tool alone({"--once", "--for", "0.1", "--port", "0"});
     EXPECT_EQ(alone.status(), 2);
-    EXPECT_TRUE(alone.err.ends_with("qrnmon: no record arrived\n")) << alone.err;
+    EXPECT_TRUE(alone.err().ends_with("qrnmon: no record arrived\n")) << alone.err();
 }
 
 } // namespace
