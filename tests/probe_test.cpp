@@ -15,23 +15,20 @@
 
 namespace {
 
-// The provider, name and number of arguments of each note of this program.
+// Each note of this program: provider, name and number of arguments.
 std::vector<std::string> notes()
 {
     std::vector<std::string> out;
-    std::string provider, name;
+    std::string note;
     FILE *readelf = popen("LC_ALL=C readelf -n /proc/$PPID/exe", "r");
     for (char line[512]; std::fgets(line, sizeof line, readelf) != nullptr;) {
-        std::string text = line;
-        text.pop_back();
-        size_t colon = text.find(": ");
-        if (text.starts_with("    Provider"))
-            provider = text.substr(colon + 2);
-        if (text.starts_with("    Name"))
-            name = text.substr(colon + 2);
-        if (text.starts_with("    Arguments"))
-            out.push_back(provider + ":" + name + " " +
-                          std::to_string(std::ranges::count(text, '@')));
+        char word[64];
+        if (std::sscanf(line, " Provider: %63s", word) == 1)
+            note = word;
+        else if (std::sscanf(line, " Name: %63s", word) == 1)
+            note += std::string(":") + word;
+        else if (std::sscanf(line, " %63s", word) == 1 && word == std::string("Arguments:"))
+            out.push_back(note + " " + std::to_string(std::ranges::count(std::string(line), '@')));
     }
     EXPECT_EQ(pclose(readelf), 0);
     std::ranges::sort(out);
@@ -47,9 +44,8 @@ TEST(Probes, EachLeavesANote)
     qrnev::probe::delivered(&queue, &event, 1, 0);
     qrnev::probe::purged(&queue, &event, 1);
     qrnev::probe::cancelled(&event, 0);
-    const std::vector<std::string> expected = {"qrn:cancelled 2", "qrn:delivered 4",
-                                               "qrn:enqueue 3", "qrn:purged 3", "qrn:take 3"};
-    EXPECT_EQ(notes(), expected);
+    EXPECT_EQ(notes(), (std::vector<std::string>{"qrn:cancelled 2", "qrn:delivered 4",
+                                                 "qrn:enqueue 3", "qrn:purged 3", "qrn:take 3"}));
 #else
     GTEST_SKIP() << "no <sys/sdt.h>";
 #endif
