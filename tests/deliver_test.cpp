@@ -144,11 +144,11 @@ TEST_F(DeliverTest, LatencyIsStampedOnSampledMessages)
 {
     Queue queue;
     world.fdm.fd_wakeup_ts.tsc_ticks = 77;
-    for (int i = 0; i < 4 * 3 * 5 * 32; ++i) {
+    for (unsigned i = 0; i < 4 * 3 * 5 * 32; ++i) {
         SCOPED_TRACE(i);
         const int type = std::array{MSG, WRCV, REQ, IMSG}[i % 4],
                   every = std::array{0, 1, 4}[i % 3];
-        const int mask = i / 60, msg_type = mask & 3;
+        const unsigned mask = i / 60;
         const bool again = mask & 4, skipped = mask & 8, before = mask & 16;
         world.ctx.attr.rcv_delivery_latency = every;
         world.ctx.attr.timestamp_mask = before ? 6 : 5;
@@ -157,13 +157,13 @@ TEST_F(DeliverTest, LatencyIsStampedOnSampledMessages)
         ASSERT_EQ(world.enqueue(queue, type), 0);
         auto *msg = qrn_msg_retain(static_cast<qrn_msg_t *>(world.payload));
         auto &stamps_of = msg->stamps;
-        msg->type = msg_type;
+        msg->type = static_cast<int>(mask & 3);
         stamps_of.fd_wakeup_ts.tsc_ticks = stamps_of.msg_pre_callback_ts.tsc_ticks = 5;
         msg->flags = again ? 0x1200 : 0x1000;
         queue->shutdown = skipped;
         EXPECT_EQ(dispatch(queue), 1);
         queue->shutdown = 0;
-        const bool stamped = !skipped && due && msg_type != QRN_MSG_TYPE_NOTICE;
+        const bool stamped = !skipped && due && msg->type != QRN_MSG_TYPE_NOTICE;
         EXPECT_EQ(msg->flags, stamped || again ? 0x1200 : 0x1000);
         EXPECT_EQ(stamps_of.fd_wakeup_ts.tsc_ticks, stamped && !again ? 77U : 5U);
         EXPECT_EQ(stamps_of.msg_pre_callback_ts.tsc_ticks, stamped && before ? ticks.load() : 5U);
@@ -178,20 +178,21 @@ TEST_F(DeliverTest, BundleSplitsItsTimeByMessages)
         return figures{0, tot, tot == 0 ? no_sample : t, t, t};
     };
     for (const auto &[data, wild] : {std::pair{0, 0}, {1, 0}, {0, 1}, {4, 3}}) {
+        const int all = data + wild;
         Queue queue("svc count");
         qrn_event_bundle_t *bundle = world.new_bundle({});
-        for (int m = 0; m < data + wild; ++m)
+        for (int m = 0; m < all; ++m)
             world.add(bundle, m < data ? MSG : WRCV);
         world.act = [&](int) {
             bundle->events[0].ctx = nullptr;
-            if (data + wild != 0)
+            if (all != 0)
                 qrn_msg_delete(bundle->events[0].info.msg.msg);
             ticks += 700;
             return -1;
         };
         ASSERT_EQ(qrn_evq_enq_msg_bundle(queue, bundle), 0);
         EXPECT_EQ(dispatch(queue), 1);
-        const unsigned share = data + wild == 7 ? 100 : 700;
+        const unsigned share = all == 7 ? 100 : 700;
         EXPECT_EQ(figures_of(queue, MSG), expected(data, data == 0 ? 0 : share));
         EXPECT_EQ(figures_of(queue, WRCV), expected(wild, wild == 0 ? 0 : share));
     }
