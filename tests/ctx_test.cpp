@@ -239,6 +239,7 @@ TEST_P(ContextTest, RefusesMisuseAndTakesNothingOnceTheQueueIsShutDownOrDetached
             *how == 'd' ? qrn_ctx_detach(ctx, queue) : qrn_event_queue_shutdown(queue);
         EXPECT_EQ(deliver(ctx, "t"), open ? 2 : 0);
         EXPECT_EQ(deliver(ctx, nullptr), open ? 1 : 0);
+        EXPECT_EQ(deliver(ctx, nullptr, 0, 0, o.req), open ? QRN_OK : QRN_FAILURE);
         EXPECT_EQ(o.raise() | other.raise() | eventfd_write(o.fd, 1), open ? 0 : -1);
         while (!open && qrn_timer_next_msec(ctx.ctx->timer) >= 0) // until the timer was dropped
             sched_yield();
@@ -256,8 +257,11 @@ int with_nothing(int (*operation)(Args...))
     return result;
 }
 
-TEST(Contexts, RefuseNullArguments)
+TEST(Contexts, RefuseNullArgumentsAndTheEndOfWhatIsNotBound)
 {
+    Context ctx;
+    EXPECT_EQ(qrn_ctx_unbind_src(ctx, nullptr), QRN_FAILURE);
+    EXPECT_EQ(qrn_ctx_unbind_immediate(ctx), QRN_FAILURE);
     for (int result : {with_nothing(qrn_ctx_create),
                        with_nothing(qrn_ctx_delete),
                        with_nothing(qrn_ctx_detach),
@@ -314,7 +318,9 @@ TEST_P(ContextTest, BundlesFillInOrderAndLoseWhatIsDeleted)
     EXPECT_EQ(calls, 2);
     EXPECT_EQ(got, (std::vector<unsigned>{0, 20, 0}));
     EXPECT_EQ(told[0], cancels ? 2 : 0);
-    deliver(ctx, "b"); // the context ends with a bundle that was begun
+    deliver(ctx, "b"); // ends with the binding to the queue, though the bundle was begun
+    EXPECT_EQ(qrn_ctx_detach(ctx, queue) | qrn_ctx_flush(ctx), QRN_OK);
+    EXPECT_EQ(drain(queue), 0);
 }
 
 constexpr unsigned producers = 2, per_producer = 3'000;

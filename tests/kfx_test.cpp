@@ -47,6 +47,18 @@ TEST(Kfx, ChecksLinesAndTracesReachWhatIsInstalled)
                                                  "6 " + std::string(4095, 'x'), "7 n 1\n"}));
 }
 
+TEST(Kfx, LinesGoToStandardErrorEndedAndTextIsCutToFit)
+{
+    testing::internal::CaptureStderr();
+    for (const char *line : {"ended\n", "not ended", ""})
+        kfx_logf(KFX_LOG_INFO, "%s", line);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "ended\nnot ended\n\n");
+    char text[4];
+    for (const size_t room : {size_t{4}, size_t{2}, size_t{0}})
+        EXPECT_EQ(kfx_snprintf(text, room, "%s", "abc"),
+                  room == 0 ? 0 : static_cast<int>(room) - 1);
+}
+
 TEST(KfxDeathTest, FatalReportsAbortWithTheirTexts)
 {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";

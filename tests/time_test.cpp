@@ -153,6 +153,21 @@ TEST_F(Timers, AnExpiryThatIsNotEnqueuedIsTriedAgainOrDropped)
     }
 }
 
+TEST_F(Timers, ThatDoNotExistAreRefused)
+{
+    EXPECT_EQ(schedule(ULONG_MAX / 2), 0);
+    EXPECT_EQ(qrn_timer_next_msec(timer), INT_MAX);
+    ASSERT_TRUE(cancel(0));
+    for (const int id : {-1, 0, 1}) {
+        qrn_timer_release(timer, id, 1);
+        EXPECT_EQ(qrn_timer_cancel(timer, id), QRN_FAILURE);
+        EXPECT_EQ(qrn_timer_queue_of(timer, id), nullptr);
+        EXPECT_EQ(end(id), QRN_FAILURE);
+    }
+    EXPECT_EQ(qrn_timer_push_free_id(nullptr, 0), QRN_FAILURE);
+    EXPECT_EQ(qrn_timer_next_id(timer, 0), -1);
+}
+
 // Owners schedule and cancel, one thread expires, others end expiries as dispatching threads do.
 TEST_F(Timers, EveryIdComesBackUnderLoad)
 {
