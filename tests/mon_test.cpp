@@ -9,7 +9,6 @@
 #include <future>
 #include <latch>
 #include <map>
-#include <regex>
 #include <set>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -65,6 +64,14 @@ std::string values(const fields &row, const std::string &columns)
         out += (row.contains(name) ? row.at(name) : "no " + name) + "|";
     out.pop_back();
     return out;
+}
+
+// The form of a text: each digit as '9'.
+std::string form(std::string text)
+{
+    std::ranges::replace_if(
+        text, [](char c) { return c >= '0' && c <= '9'; }, '9');
+    return text;
 }
 
 // A receiver on a free port.
@@ -174,12 +181,9 @@ TEST_F(Mon, ARecordHoldsTheFiguresOfTheQueue)
                           "data_msgs_svc_min data_msgs_svc_mean data_msgs_svc_max"),
               "1|1|1|an app, \"quoted\"|orders|3|1|3|4|3|4|0|0|||");
     EXPECT_EQ(row["pid"], std::to_string(getpid()));
-    const std::string figures = values(row, "age_min age_mean age_max callback_events_svc_mean");
-    EXPECT_TRUE(std::regex_match(figures, std::regex("([0-9]+\\|){3}[0-9]+"))) << figures;
-    const std::string times = values(row, "epoch_s time_utc");
-    EXPECT_TRUE(std::regex_match(
-        times, std::regex("[0-9]{10}\\.[0-9]{6}\\|[-0-9]{10}T[:0-9]{8}\\.[0-9]{3}Z")))
-        << times;
+    for (const char *name : {"age_min", "age_mean", "age_max", "callback_events_svc_mean"})
+        EXPECT_EQ(form(row[name]), std::string(std::max(row[name].size(), size_t{1}), '9')) << name;
+    EXPECT_EQ(form(values(row, "epoch_s time_utc")), "9999999999.999999|9999-99-99T99:99:99.999Z");
 }
 
 TEST_F(Mon, WhatAQueueDoesNotKeepIsAnEmptyField)

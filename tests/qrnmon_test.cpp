@@ -366,7 +366,7 @@ TEST_F(Qrnmon, TellsOfLossSilenceAndForeignDatagrams)
         tool.until_shown(text);
     std::string good = record({"orders", 7, 40, 4});
     tool.send({orders(6), "", "hello\n", "1,2,3\n", good.substr(0, good.size() / 2), good + good,
-               "2" + good.substr(1), std::string(3000, ','), "1," + std::string(100, '"') + "\n",
+               "2" + good.substr(1), std::string(3000, ','), "1," + std::string(99, '"') + "\n",
                std::string("\x1b[2J\0", 5), good});
     for (const char *text :
          {"orders (feed, pid 4242): back after", "9 malformed",
