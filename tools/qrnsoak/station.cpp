@@ -132,6 +132,7 @@ void station::finish()
     qrn_ctx_delete(ctx_);
     drain(); // what the deletions enqueued
     check_statistics();
+    check_tokens();
     qrn_event_queue_delete(evq_);
     close(fds_[0]);
     close(fds_[1]);
@@ -159,6 +160,19 @@ void station::check_statistics() const
         expect_equal("total of all events, accepted", static_cast<long>(got.events_tot), events);
     expect_equal("events in an empty queue", static_cast<long>(got.events), 0);
     expect_equal("size of an empty queue", evq_->qsz, 0);
+}
+
+// What a queue keeps to wake its takers by.
+void station::check_tokens() const
+{
+    const qrn_tl_queue_t &q = *evq_->q;
+    int tokens = 0, wakes = 0;
+    sem_getvalue(&evq_->q->sem_sz, &tokens);
+    sem_getvalue(&evq_->q->park, &wakes);
+    expect_equal("tokens of an empty queue, known", tokens,
+                 static_cast<long>(q.owed) + q.offered + q.credit);
+    expect_equal("wake-ups that nobody took", wakes, 0);
+    expect_equal("takers that are idle", q.idle, 0);
 }
 
 // --- Producing and dispatching -------------------------------------------------------------------

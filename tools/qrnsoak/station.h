@@ -41,7 +41,7 @@ public:
     void dispatch(random_source &random);
     void disturb(random_source &random); // as deleting threads and operators do
 
-    // Ends it, when nobody else uses it any more, and checks its statistics.
+    // Ends it, when nobody else uses it any more, and checks what it has counted.
     void finish();
 
 private:
@@ -51,6 +51,7 @@ private:
     void create_objects();
     void drain();
     void check_statistics() const;
+    void check_tokens() const;
     int post_bundle(unsigned n);
     int post_callback();
     int live_shortly();
