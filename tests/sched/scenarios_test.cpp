@@ -105,6 +105,8 @@ struct script {
     // One thread a part. Number of those that have not ended when none can go on.
     int run_parts(const std::string &threads)
     {
+        for (auto &known : steps)
+            performed[known.first]; // so that no thread adds to the map
         split(threads, '|',
               [this](const std::string &line) { spawn([line, this] { perform(line); }); });
         return run();
