@@ -6,6 +6,7 @@
 #include <array>
 #include <climits>
 #include <cstring>
+#include <latch>
 #include <map>
 #include <span>
 #include <thread>
@@ -422,11 +423,13 @@ TEST_F(options, dump_gives_every_option_that_fits)
 TEST_F(options, are_set_and_read_while_the_queue_runs)
 {
     constexpr int rounds = 20000;
-    Queue queue;
+    Queue queue("", [](qrn_event_queue_t *, int, size_t, qrn_ulong_t, void *) { return 0; });
     const std::atomic_ref<char> marks(queue->attr->setopt_mask[0]);
+    std::latch together(6);
     std::vector<std::jthread> threads;
     for (const size_t i : {0UL, 1UL, 2UL, 5UL, 6UL, 7UL})
         threads.emplace_back([&, name = rows[i].name, size = rows[i].size, mark = 1 << i] {
+            together.arrive_and_wait();
             for (int n = 0; n < rounds; ++n) {
                 const unsigned long value = n % 2 == 0 ? 0 : size == 8 ? ULONG_MAX : 1;
                 const std::string as_text = std::to_string(value);
