@@ -173,19 +173,27 @@ TEST_F(DispatchTest, WarningsTellOfSizeAndDelay)
             enqueue(queue, {BUNDLE});
         else
             enqueue(queue, {MSG, TIMER, CALLBACK});
+        qrn_ulong_t size_warnings = 0, delay_warnings = 0, raised[2];
         ticks += late ? 101 * ticks_per_usec : 101 * ticks_per_usec - 1;
         queue->shutdown = shut;
         for (int size = 3; size > 0; size -= bundle ? 3 : 1) {
             const int report = (sized && size > 2) + 2 * (delayed && late);
             strings expected;
-            if (report != 0 && !shut)
+            if (report != 0 && !shut) {
                 expected = {what("report", queue.evq, report, sized ? size : 0,
                                  delayed ? 100 + late : 0, this)};
+                size_warnings += report & 1;
+                delay_warnings += report / 2;
+            }
             EXPECT_EQ(dispatch(queue), 1);
             EXPECT_EQ(reports.take(), expected);
         }
         EXPECT_EQ(queue->qsz, 0);
         EXPECT_EQ(queue->age_mean, age ? 1009U + late : 0U);
+        EXPECT_EQ(qrn_event_queue_reset_stats(queue), 0); // does not reach them
+        EXPECT_EQ(qrn_event_queue_retrieve_warnings(queue, &raised[0], &raised[1]), 0);
+        EXPECT_EQ(raised[0], size_warnings);
+        EXPECT_EQ(raised[1], delay_warnings);
     }
 }
 

@@ -119,6 +119,7 @@ TEST_F(EvqTest, ErrorsOfNullArgumentsAreRecorded)
         {393, valid, [&] { return qrn_event_queue_retrieve_stats(nullptr, &stats); }},
         {394, "stats must be valid", [&] { return qrn_event_queue_retrieve_stats(q, nullptr); }},
         {395, valid, [&] { return qrn_event_queue_reset_stats(nullptr); }},
+        {406, valid, [&] { return qrn_event_queue_retrieve_warnings(nullptr, {}, {}); }},
         {396, valid, [&] { return qrn_event_queue_size(nullptr); }},
         {397, "evq must have queue_size_warning > 0", [&] { return qrn_event_queue_size(q); }},
         {399, sctl, [&] { return qrn_event_queue_monitor(nullptr, q); }},

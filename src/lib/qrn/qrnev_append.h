@@ -15,6 +15,10 @@ qrn_event_t *make_event(qrn_event_queue_t *evq, int type, qrn_context_t *ctx);
 // failed: then everything is undone and the record freed. `size` is what a size counter gets.
 int append(qrn_event_t *ev, long size);
 
+// What the monitor hook of an append does. It checks nothing: the option that called for it may be
+// switched off meanwhile.
+void size_and_stamp(qrn_event_queue_t *evq, qrn_event_t *ev, long sz);
+
 } // namespace qrnev
 
 #endif

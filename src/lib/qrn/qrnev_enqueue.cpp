@@ -54,7 +54,7 @@ int append(qrn_event_t *ev, long size)
 {
     qrn_event_queue_t *evq = ev->evq;
     if (evq->monproc != nullptr || kfx::load(evq->attr->q_age) != 0)
-        qrn_evq_enq_mon_hook(evq, ev, size);
+        size_and_stamp(evq, ev, size);
     if (kfx::load(evq->attr->q_count) != 0) {
         ev->marks |= mark_counted;
         for_each_count(ev, [evq](const group &g, long n) {

@@ -10,14 +10,13 @@
 #include "kfxlog.h"
 #include "qrnerr.h"
 #include "qrnev_account.h"
+#include "qrnev_append.h"
 #include "qrnev_track.h"
 
 using namespace qrnev;
 
-int qrn_evq_enq_mon_hook(qrn_event_queue_t *evq, qrn_event_t *ev, long sz)
+void qrnev::size_and_stamp(qrn_event_queue_t *evq, qrn_event_t *ev, long sz)
 {
-    KFX_CHECK(evq->monproc != nullptr || kfx::load(evq->attr->q_age) != 0,
-              "evq->monproc!=NULL||evq->attr->q_age!=0");
     if (kfx::load(evq->attr->q_sz_warn) != 0) {
         kfx::add(evq->qsz, sz);
         ev->marks |= mark_sized;
@@ -26,6 +25,13 @@ int qrn_evq_enq_mon_hook(qrn_event_queue_t *evq, qrn_event_t *ev, long sz)
         kfx_hrtime_timestamp(&ev->enqtv);
         ev->marks |= mark_stamped;
     }
+}
+
+int qrn_evq_enq_mon_hook(qrn_event_queue_t *evq, qrn_event_t *ev, long sz)
+{
+    KFX_CHECK(evq->monproc != nullptr || kfx::load(evq->attr->q_age) != 0,
+              "evq->monproc!=NULL||evq->attr->q_age!=0");
+    size_and_stamp(evq, ev, sz);
     return 0;
 }
 
