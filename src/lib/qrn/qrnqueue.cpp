@@ -43,6 +43,7 @@
 
 #include "qrnqueue.h"
 
+#include <sched.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -55,6 +56,43 @@
 namespace {
 
 using node = qrn_tl_queue_node_t;
+
+#ifdef KFX_SCHED_POINTS
+constexpr int courtesies = 0; // the schedules decide who waits
+#else
+constexpr int courtesies = 20;
+#endif
+
+void relax()
+{
+#ifdef __x86_64__
+    __builtin_ia32_pause();
+#else
+    asm volatile("yield");
+#endif
+}
+
+// Holds the lock of one end. Both are held for a few instructions, so whoever finds one taken for longer
+// than a pause most likely waits for a holder that lost its processor. It yields its own a few times
+// before it sleeps: that lets the holder go on, and saves it the call that wakes a sleeper.
+class [[nodiscard]] end_guard {
+public:
+    explicit end_guard(kfx_mutex_t &lock) : lock_(lock)
+    {
+        for (int i = 0; i < courtesies; ++i) {
+            if (pthread_mutex_trylock(&lock_) == 0)
+                return;
+            i == 0 ? relax() : static_cast<void>(sched_yield());
+        }
+        pthread_mutex_lock(&lock_);
+    }
+    ~end_guard() { pthread_mutex_unlock(&lock_); }
+    end_guard(const end_guard &) = delete;
+    end_guard &operator=(const end_guard &) = delete;
+
+private:
+    kfx_mutex_t &lock_;
+};
 
 constexpr std::size_t segment_nodes = 255;
 
@@ -141,8 +179,8 @@ constexpr bool needs_wake(qrn_uint_t idle)
 }
 
 // How often a taker looks for a token before it parks. And: so many items in a row without finding the
-// queue empty are full flow, and so many tokens are then offered at once, up to a bound. Small where a test build plays
-// through the schedules, so that they get there.
+// queue empty are full flow, and so many tokens are then offered at once, up to a bound. Small where a
+// test build plays through the schedules, so that they get there.
 #ifdef KFX_SCHED_POINTS
 constexpr int eager_spins = 1;
 constexpr int spins = 2;
@@ -154,15 +192,6 @@ constexpr int spins = 300;
 constexpr qrn_uint_t full_flow = 32;
 constexpr qrn_uint_t most_offered = 1024;
 #endif
-
-void relax()
-{
-#ifdef __x86_64__
-    __builtin_ia32_pause();
-#else
-    asm volatile("yield");
-#endif
-}
 
 bool try_token(qrn_tl_queue_t *q)
 {
@@ -385,7 +414,7 @@ void prefetch(const node *n)
 bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo,
                 bool has_token)
 {
-    kfx::lock_guard head(q->head_lock);
+    end_guard head(q->head_lock);
     node *first = after(q->head);
     if (first == nullptr) {
         end_flow(q, has_token);
@@ -497,15 +526,9 @@ void pass(qrn_tl_queue_t *q, Goes goes, Gone gone)
 
 bool init_locks(qrn_tl_queue_t *q)
 {
-    // Both locks are held for a few instructions: spin before sleeping.
-    pthread_mutexattr_t adaptive;
-    if (pthread_mutexattr_init(&adaptive) != 0)
-        return false;
-    pthread_mutexattr_settype(&adaptive, PTHREAD_MUTEX_ADAPTIVE_NP);
-    bool ok = pthread_mutex_init(&q->head_lock, &adaptive) == 0 &&
-              pthread_mutex_init(&q->tail_lock, &adaptive) == 0;
-    pthread_mutexattr_destroy(&adaptive);
-    return ok && pthread_mutex_init(&q->fd_lock, nullptr) == 0 && sem_init(&q->sem_sz, 0, 0) == 0 &&
+    return pthread_mutex_init(&q->head_lock, nullptr) == 0 &&
+           pthread_mutex_init(&q->tail_lock, nullptr) == 0 &&
+           pthread_mutex_init(&q->fd_lock, nullptr) == 0 && sem_init(&q->sem_sz, 0, 0) == 0 &&
            sem_init(&q->park, 0, 0) == 0;
 }
 
@@ -553,7 +576,7 @@ bool init_locks(qrn_tl_queue_t *q)
     int fd = -1;
     bool has_credit = false;
     {
-        kfx::lock_guard tail(q->tail_lock);
+        end_guard tail(q->tail_lock);
         node *n = cut_node(q);
         if (n == nullptr)
             return -1;
