@@ -182,8 +182,8 @@ TEST_F(DispatchTest, WarningsTellOfSizeAndDelay)
             if (report != 0 && !shut) {
                 expected = {what("report", queue.evq, report, sized ? size : 0,
                                  delayed ? 100 + late : 0, this)};
-                size_warnings += report & 1;
-                delay_warnings += report / 2;
+                size_warnings += report % 2 != 0;
+                delay_warnings += report > 1;
             }
             EXPECT_EQ(dispatch(queue), 1);
             EXPECT_EQ(reports.take(), expected);
