@@ -23,8 +23,9 @@
 // is never negative, every item has a token that is posted, about to be, or held by somebody who will
 // look.
 //
-// WAITING. A taker that finds no token looks for one for a while, then parks on `park`. `idle` counts
-// both kinds. An append wakes one parked taker, and only when nobody is looking: a looker will see the
+// WAITING. A taker that finds the queue empty, and that nobody else waits, looks at the list itself for a
+// moment and keeps head_lock meanwhile: the item is in its hands one step earlier than its token could
+// be. Then it looks for a token for a while, and parks on `park`. `idle` counts both kinds. An append wakes one parked taker, and only when nobody is looking: a looker will see the
 // token. The waker moves the sleeper from parked to looking itself, so until that one runs no other
 // append wakes a second. The parked have no names: whoever leaves of its own accord while it is
 // counted as parked takes itself off the count, or, when a waker chose "it" meanwhile, consumes that
@@ -178,16 +179,16 @@ constexpr bool needs_wake(qrn_uint_t idle)
     return somebody_is_parked(idle) && !somebody_looks(idle);
 }
 
-// How often a taker looks for a token before it parks. And: so many items in a row without finding the
+// How often a taker looks at the list, and for a token before it parks. And: so many items in a row without finding the
 // queue empty are full flow, and so many tokens are then offered at once, up to a bound. Small where a
 // test build plays through the schedules, so that they get there.
 #ifdef KFX_SCHED_POINTS
-constexpr int eager_spins = 1;
+constexpr int eager_spins = 2;
 constexpr int spins = 2;
 constexpr qrn_uint_t full_flow = 2;
 constexpr qrn_uint_t most_offered = 4;
 #else
-constexpr int eager_spins = 100;
+constexpr int eager_spins = 500;
 constexpr int spins = 300;
 constexpr qrn_uint_t full_flow = 32;
 constexpr qrn_uint_t most_offered = 1024;
@@ -256,14 +257,12 @@ void leave_parked(qrn_tl_queue_t *q)
     }
 }
 
-// Looks for a token so many times.
-bool look_for_token(qrn_tl_queue_t *q, int times, bool relaxed)
+bool look_for_token(qrn_tl_queue_t *q)
 {
-    for (int i = 0; i < times; ++i) {
+    for (int i = 0; i < spins; ++i) {
         if (try_token(q))
             return true;
-        if (relaxed)
-            relax();
+        relax();
     }
     return false;
 }
@@ -299,15 +298,12 @@ bool park(qrn_tl_queue_t *q, qrn_uint_t instead_of, const struct timespec *deadl
 bool wait_for_token(qrn_tl_queue_t *q, const struct timespec *deadline)
 {
     bool got = false;
-    qrn_uint_t idle = kfx::load(q->idle);
-    if (idle == 0 && look_for_token(q, eager_spins, false))
-        return true; // alone, so nobody needed to know
-    if (!somebody_looks(idle))
+    if (!somebody_looks(kfx::load(q->idle)))
         kfx::add(q->idle, one_looking);
     else if (!park(q, 0, deadline, &got))
         return got;
     for (;;) {
-        if (look_for_token(q, spins, true)) {
+        if (look_for_token(q)) {
             leave_looking(q);
             return true;
         }
@@ -410,23 +406,48 @@ void prefetch(const node *n)
     __builtin_prefetch(item + 64);
 }
 
-// Takes the first item, with or without a token; false when there is none.
-bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo,
-                bool has_token)
+// What a taker does when it finds the queue empty: it comes back later, it goes on to wait, or it has
+// waited and holds a token.
+enum class taker { polls, waits, has_token };
+
+// Looks at the list, which is empty, for an item that comes at once. Under head_lock.
+node *look_for_item(qrn_tl_queue_t *q)
 {
-    end_guard head(q->head_lock);
+    node *first = nullptr;
+    if (kfx::load(q->idle) == 0)
+        for (int i = 0; first == nullptr && i < eager_spins; ++i)
+            first = after(q->head);
+    return first;
+}
+
+// The first item, or null; with its token accounted for. Under head_lock.
+node *find_first(qrn_tl_queue_t *q, taker who)
+{
     node *first = after(q->head);
     if (first == nullptr) {
-        end_flow(q, has_token);
+        end_flow(q, who == taker::has_token);
         update_fd(q); // a pass that an exception cut short may have left it readable
-        return false;
+        if (who == taker::waits)
+            first = look_for_item(q);
+        if (first != nullptr)
+            ++q->owed; // settled when there is time: its append may not have come to the token yet
+    } else if (who != taker::has_token) {
+        owe_token(q);
     }
+    return first;
+}
+
+// Takes the first item; false when there is none.
+bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo, taker who)
+{
+    end_guard head(q->head_lock);
+    node *first = find_first(q, who);
+    if (first == nullptr)
+        return false;
     *value = first->value;
     prefetch(after(first));
     retire(q, q->head);
     q->head = first;
-    if (!has_token)
-        owe_token(q);
     update_fd(q);
     if (cbinfo != nullptr)
         cbinfo->cbproc(*value, cbinfo->clientd);
@@ -435,18 +456,18 @@ bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t 
 
 int take_now(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo)
 {
-    take_first(q, value, cbinfo, false);
+    take_first(q, value, cbinfo, taker::polls);
     return 0;
 }
 
 int take_waiting(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo,
                  const struct timespec *deadline)
 {
-    if (take_first(q, value, cbinfo, false))
+    if (take_first(q, value, cbinfo, taker::waits))
         return 0;
     if (!try_token(q) && !wait_for_token(q, deadline))
         return -1;
-    return take_first(q, value, cbinfo, true) ? 0 : -1;
+    return take_first(q, value, cbinfo, taker::has_token) ? 0 : -1;
 }
 
 // --- Passes --------------------------------------------------------------------------------------
