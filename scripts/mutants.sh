@@ -49,7 +49,7 @@ fault $q "append: published without order" \
     'std::memory_order_release); // publishes' 'std::memory_order_relaxed); // publishes'
 fault $q "take: the link is read without order" 'return kfx::load(n->next, std::memory_order_acquire);' \
     'return kfx::load(n->next, std::memory_order_relaxed);'
-fault $q "take: without the head lock" '    kfx::lock_guard head(q->head_lock);
+fault $q "take: without the head lock" '    end_guard head(q->head_lock);
     node *first' '    node *first'
 fault $q "take: hook after unlock" '    if (cbinfo != nullptr)
         cbinfo->cbproc(*value, cbinfo->clientd);
@@ -60,13 +60,19 @@ fault $q "take: hook after unlock" '    if (cbinfo != nullptr)
     return true;'
 fault $q "take: the node is not retired" '    retire(q, q->head);
     q->head = first;
-    if (!has_token)' '    q->head = first;
-    if (!has_token)'
+    update_fd(q);' '    q->head = first;
+    update_fd(q);'
 fault $q "take: owes two tokens for an item" '    ++q->owed;
     if (q->flow' '    q->owed += 2;
     if (q->flow'
-fault $q "take: owes nothing" '    if (!has_token)
-        owe_token(q);' ''
+fault $q "take: owes nothing" '        owe_token(q);' '        ;'
+fault $q "take: owes nothing for an item it looked for" '        if (first != nullptr)
+            ++q->owed; // settled' '        // settled'
+fault $q "take: looks without the head lock" '            first = look_for_item(q);' '        {
+            pthread_mutex_unlock(&q->head_lock);
+            first = look_for_item(q);
+            pthread_mutex_lock(&q->head_lock);
+        }'
 fault $q "take: what was lent stays lent" '        call_in_tokens(q);' '        ;'
 fault $q "take: tokens are lent and owed" 'std::exchange(q->owed, 0)' 'q->owed'
 fault $q "take: a stale token stays owed" '    if (has_token && q->owed != 0)
