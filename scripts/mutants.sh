@@ -66,17 +66,20 @@ fault $q "take: owes two tokens for an item" '    ++q->owed;
     if (q->flow' '    q->owed += 2;
     if (q->flow'
 fault $q "take: owes nothing" '        owe_token(q);' '        ;'
-fault $q "take: owes nothing for an item it looked for" '        if (first != nullptr)
-            ++q->owed; // settled' '        // settled'
-fault $q "take: looks without the head lock" '            first = look_for_item(q);' '        {
+fault $q "take: owes nothing for an item it looked for" '    if (first != nullptr)
+        ++q->owed; // settled' '    // settled'
+fault $q "take: looks without the head lock" '        first = look_for_item(q);' '        {
             pthread_mutex_unlock(&q->head_lock);
             first = look_for_item(q);
             pthread_mutex_lock(&q->head_lock);
         }'
 fault $q "take: what was lent stays lent" '        call_in_tokens(q);' '        ;'
 fault $q "take: tokens are lent and owed" 'std::exchange(q->owed, 0)' 'q->owed'
-fault $q "take: a stale token stays owed" '    if (has_token && q->owed != 0)
-        --q->owed;' ''
+fault $q "take: a stale token stays owed" '            return after(q->head);
+        --q->owed;' '            return after(q->head);'
+fault $q "take: drops the token of an item" '            return after(q->head);
+        --q->owed;' '            return nullptr;
+        --q->owed;'
 fault $q "wait: parks without another try" '    *got = try_token(q); // rule W1' '    *got = false;'
 fault $q "wait: leaves looking without passing on" \
     '    pass_on(q, kfx::sub(q->idle, one_looking) - one_looking);' '    kfx::sub(q->idle, one_looking);'

@@ -164,6 +164,8 @@ private:
         for (const qrn_tl_queue_node_t *node = q_->head->next; node != nullptr; node = node->next)
             --tokens;
         check(tokens >= 0, "an item has no token");
+        check(tokens == static_cast<int>(q_->owed + q_->offered + q_->credit),
+              "stale tokens are not known of");
     }
 
     void append(const std::string &letters)

@@ -343,13 +343,10 @@ void call_in_tokens(qrn_tl_queue_t *q)
 }
 
 // After the queue was found empty. Under head_lock.
-void end_flow(qrn_tl_queue_t *q, bool has_token)
+void end_flow(qrn_tl_queue_t *q)
 {
     if (std::exchange(q->flow, 0) >= full_flow)
         call_in_tokens(q);
-    if (has_token && q->owed != 0)
-        --q->owed;
-    settle_tokens(q);
 }
 
 // Whether a stale token stands for the item that is appended. Under tail_lock.
@@ -424,16 +421,25 @@ node *look_for_item(qrn_tl_queue_t *q)
 node *find_first(qrn_tl_queue_t *q, taker who)
 {
     node *first = after(q->head);
-    if (first == nullptr) {
-        end_flow(q, who == taker::has_token);
-        update_fd(q); // a pass that an exception cut short may have left it readable
-        if (who == taker::waits)
-            first = look_for_item(q);
-        if (first != nullptr)
-            ++q->owed; // settled when there is time: its append may not have come to the token yet
-    } else if (who != taker::has_token) {
-        owe_token(q);
+    if (first != nullptr) {
+        if (who != taker::has_token)
+            owe_token(q);
+        return first;
     }
+    end_flow(q);
+    if (who == taker::has_token) {
+        // With nothing stale left, an appender had this token's credit before it was called in, and the
+        // token stands for an item that came meanwhile.
+        if (q->owed == 0)
+            return after(q->head);
+        --q->owed;
+    }
+    settle_tokens(q);
+    update_fd(q); // a pass that an exception cut short may have left it readable
+    if (who == taker::waits)
+        first = look_for_item(q);
+    if (first != nullptr)
+        ++q->owed; // settled when there is time: its append may not have come to the token yet
     return first;
 }
 
