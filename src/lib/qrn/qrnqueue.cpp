@@ -19,17 +19,18 @@
 // still holds head_lock, when it can. In full flow it offers the stale tokens to the appenders
 // instead, many at once, and an append that has the credit of one uses it and posts none: then neither
 // end touches the semaphore, whose cache line would go to and fro. A taker whose token finds nothing
-// has used up a stale one: -1. It ends the flow: what was lent is taken back and settled. Since stale
-// is never negative, every item has a token that is posted, about to be, or held by somebody who will
-// look.
+// has used up a stale one: -1. It ends the flow: what was lent is taken back and settled. Should nothing
+// be stale then, an appender had the credit of this very token, and the item it stands for is there.
+// Since stale is never negative, every item has a token that is posted, about to be, or held by
+// somebody who will look.
 //
-// WAITING. A taker that finds the queue empty, and that nobody else waits, looks at the list itself for a
+// WAITING. A taker that finds the queue empty while nobody else waits looks at the list itself for a
 // moment and keeps head_lock meanwhile: the item is in its hands one step earlier than its token could
-// be. Then it looks for a token for a while, and parks on `park`. `idle` counts both kinds. An append wakes one parked taker, and only when nobody is looking: a looker will see the
-// token. The waker moves the sleeper from parked to looking itself, so until that one runs no other
-// append wakes a second. The parked have no names: whoever leaves of its own accord while it is
-// counted as parked takes itself off the count, or, when a waker chose "it" meanwhile, consumes that
-// waker's post.
+// be. Then it looks for a token for a while, and parks on `park`. `idle` counts both kinds. An append
+// wakes one parked taker, and only when nobody is looking: a looker will see the token. The waker moves
+// the sleeper from parked to looking itself, so until that one runs no other append wakes a second. The
+// parked have no names: whoever leaves of its own accord while it is counted as parked takes itself off
+// the count, or, when a waker chose "it" meanwhile, consumes that waker's post.
 //
 // No wake-up is lost, by two rules. W1: a taker that parks announces it in `idle`, then tries once
 // more for a token; an append sees to its token, then reads `idle`; one of the two sees the other.
@@ -179,9 +180,9 @@ constexpr bool needs_wake(qrn_uint_t idle)
     return somebody_is_parked(idle) && !somebody_looks(idle);
 }
 
-// How often a taker looks at the list, and for a token before it parks. And: so many items in a row without finding the
-// queue empty are full flow, and so many tokens are then offered at once, up to a bound. Small where a
-// test build plays through the schedules, so that they get there.
+// How often a taker looks at the list, and for a token before it parks. And: so many items in a row
+// without finding the queue empty are full flow, and so many tokens are then offered at once, up to a
+// bound. Small where a test build plays through the schedules, so that they get there.
 #ifdef KFX_SCHED_POINTS
 constexpr int eager_spins = 2;
 constexpr int spins = 2;

@@ -96,8 +96,9 @@ int qrn_tl_queue_fd(qrn_tl_queue_t *q);
 int qrn_tl_queue_is_empty(qrn_tl_queue_t *q);
 
 /* Removes every item for which `cmp(item, clientd)` is 0 and calls `rem(item)` once it is unlinked.
- * The other items keep their order. Takers wait meanwhile, appenders do not; callbacks run with
- * `head_lock` held and may append. 0. */
+ * The other items keep their order. Takers wait meanwhile, appenders do not; a pass may wait about a
+ * microsecond for a taker that looks at the empty list. Callbacks run with `head_lock` held and may
+ * append. 0. */
 int qrn_tl_queue_remove_all(qrn_tl_queue_t *q, qrn_tl_queue_cmp_proc cmp, qrn_tl_queue_rem_proc rem,
                             void *clientd);
 
