@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Enqueue operations: the record that reaches the queue, and the figures, stamps, notifications and
-// traces on the way. What the payload holds shows in its delivery.
+// What becomes of an event: each type, enqueued and ended in each way, with what the callback gets, what is
+// released, and the figures. Missing arguments of the operations.
 #include "objects.h"
 
 using namespace test;
@@ -9,6 +9,7 @@ using namespace test;
 namespace {
 
 bool append_fails;
+
 } // namespace
 
 extern "C" {
@@ -21,157 +22,158 @@ int __wrap_qrn_tl_queue_enqueue(qrn_tl_queue_t *q, void *value)
 
 namespace {
 
-int reports; // calls of the monitor callback, whose result means nothing
-int on_report(qrn_event_queue_t *, int, size_t, qrn_ulong_t, void *)
-{
-    return ++reports, -1;
-}
+// Delivered: to a callback, to a target that is defunct, with the queue's flag set, to a callback that
+// fails or throws, after a warning that threw. Or discarded with the queue. Or never accepted.
+enum fate { PLAIN, DEFUNCT, FLAGGED, FAILS, THROWS, WARNED, SHUT_DOWN, DELETED, DECLINED, REFUSED };
 
 class EnqueueTest : public EventFixture {
 protected:
-    // Behind the twelve types: the operation that is given the callback of a wildcard receiver.
-    static constexpr int wrcv_with_proc = BUNDLE + 1, operations = wrcv_with_proc;
+    int reports = 0, report_throws = 0;
 
-    char clientd = 0;
-
-    static int type_of(int operation) { return operation == wrcv_with_proc ? WRCV : operation; }
-    int enqueue(qrn_event_queue_t *evq, int operation)
+    static int on_report(qrn_event_queue_t *, int, size_t, qrn_ulong_t, void *clientd)
     {
-        if (operation != wrcv_with_proc)
-            return world.enqueue(evq, operation);
-        return qrn_evq_enq_wrcv_msg_with_proc(evq, &world.wrcv, World::on<MSG>, world.new_msg(),
-                                              &clientd);
+        auto *self = static_cast<EnqueueTest *>(clientd);
+        ++self->reports;
+        return self->report_throws ? throw 1 : -1; // a result means nothing
     }
-    std::string trace_of(qrn_event_queue_t *evq, int operation)
+    static bool runs(int type, fate end)
     {
-        const void *q = evq, *load = world.payload, *of = world.object(type_of(operation));
-        const auto proc = [](auto *p) { return reinterpret_cast<const void *>(p); };
-        const void *on_msg = proc(&World::on<MSG, qrn_rcv_t *, qrn_msg_t *, void *>);
-        const void *ev = first_event(evq), *self = &world, *ctx = &world.ctx;
-        const std::string lines[] = {
-            "",
-            text("MSG rcv %p msg %p proc %p", of, load, on_msg),
-            text("TIMER id 37"),
-            text("IO handle 7 ev 0x3"),
-            text("SRC src %p event 42", of),
-            text("REQUEST req %p msg %p", of, load),
-            text("UNBLOCK"),
-            text("DIRECTED MSG ctx %p msg %p", of, load),
-            text("WRCV MSG rcv %p msg %p", of, load),
-            text("CANCEL %p", load),
-            text("CTX SRC ctx %p event 43", of),
-            text("CALLBACK %p proc %p delproc %p clientd %p", ev, proc(World::on_callback),
-                 proc(World::on_discard), self),
-            text("MSG BUNDLE ctx %p [3 msgs]", ctx),
-            text("WRCV MSG rcv %p msg %p proc %p", of, load, on_msg),
+        const bool has_target = is_declined(type) && type != IO && type != IMSG && type != BUNDLE;
+        return has_callback(type) && end != WARNED && !(end == DEFUNCT && has_target) &&
+               !(end == FLAGGED && is_declined(type) && type != BUNDLE);
+    }
+    // The service time's figures of a group, when a callback that ran took 1000 ticks.
+    static figures times_of(int group, int type, bool run, fate end)
+    {
+        kfx_hrtime_ivl_t time = run ? 1000 : 0;
+        if (type == BUNDLE && (group == MSG || group == WRCV) && run)
+            time = group == MSG ? 333 : 334;
+        else if (group != type || end == WARNED || (type == CTX_SRC && !run))
+            return {0, 0, no_sample, 0, 0};
+        return {0, 0, time, time, time};
+    }
+    void expect_counts(Queue &queue, int type, bool queued, bool accepted)
+    {
+        counts now{}, total{};
+        count(now, type, queued);
+        count(total, type, accepted);
+        EXPECT_EQ(counts_of(queue), now);
+        EXPECT_EQ(counts_of(queue, &figures::tot), total);
+        EXPECT_EQ(queue->qsz, queued * (type == BUNDLE ? 3 : 1));
+    }
+    void expect_dispatch(Queue &queue, int type, fate end)
+    {
+        const bool run = runs(type, end);
+        const int result = end == WARNED || (run && end == THROWS)  ? threw
+                           : run && end == FAILS && type < CALLBACK ? -1
+                                                                    : 1;
+        ticks += 70;
+        report_throws = end == WARNED;
+        queue->qsz += report_throws;
+        queue->shutdown = end == FLAGGED;
+        world.act = [&](int t) {
+            const auto *thread = queue->thrd_tail.next;
+            EXPECT_TRUE(thread == &queue->thrd_head || thread->ev->type == t);
+            ticks += 1000;
+            return end == THROWS ? throw t : end == FAILS ? -1 : t;
         };
-        return text("evq %p enq ", q) + lines[operation] + "\n";
+        const strings journal = end == WARNED ? world.discarded(type) : world.delivered(type, run);
+        EXPECT_EQ(dispatch(queue, result == 1 ? QRN_EVQ_DISPATCH_POLL : QRN_EVQ_DISPATCH_BLOCK),
+                  result);
+        EXPECT_EQ(done.take(), journal);
+        queue->qsz -= report_throws;
+        EXPECT_TRUE(queue->age_min == 70 && queue->age_mean == 70 && queue->age_max == 70);
+        for (int group = MSG; group <= CALLBACK; ++group) {
+            figures times = figures_of(queue, group);
+            times.now = times.tot = 0;
+            EXPECT_TRUE(group == UNBLOCK || times == times_of(group, type, run, end)) << group;
+        }
     }
-    strings io_journal(int operation, bool resumed = false)
+    void expect_end(const char *tracking, int type, fate end)
     {
-        strings lines(operation == IO, what("suspend", &world.fdm, 7, 3));
-        if (operation == IO && resumed)
-            lines.push_back(world.settled(IO)[0]);
-        return lines;
+        SCOPED_TRACE(text("type %d, fate %d, %s", type, end, tracking));
+        Queue queue(text("count svc age size=1 notify %s", tracking), on_report, this);
+        const bool queued = end < DECLINED || (end == DECLINED && !is_declined(type));
+        for (int *flag : {&world.rcv.defunct, &world.wrcv.defunct, &world.src.defunct,
+                          &world.req.defunct, &world.ctx.defunct})
+            *flag = end == DEFUNCT;
+        world.xmap[1] = end == DEFUNCT ? 1U << 5 : 0; // the mark of timer 37
+        EXPECT_EQ(end == DECLINED ? qrn_event_queue_shutdown(queue) : 0, 0);
+        append_fails = end == REFUSED;
+        world.reclaim = end != FLAGGED;
+        stamps = reports = report_throws = 0;
+        EXPECT_EQ(world.enqueue(queue, type), append_fails ? -1 : 0);
+        append_fails = false;
+        EXPECT_EQ(stamps, queued || end == REFUSED);
+        EXPECT_EQ(reports, queued);
+        expect_counts(queue, type, queued, queued);
+        strings expected(type == IO && (queued || end == REFUSED),
+                         what("suspend", &world.fdm, 7, 3));
+        if (type == IO && end == REFUSED)
+            expected.push_back(world.discarded(IO)[0]);
+        EXPECT_EQ(done.take(), expected);
+        expected = end == SHUT_DOWN ? world.discarded(type) : strings{};
+        if (queued && end <= WARNED)
+            expect_dispatch(queue, type, end);
+        if (end == SHUT_DOWN)
+            qrn_event_queue_shutdown(queue);
+        if (end < DELETED)
+            expect_counts(queue, type, 0, 1);
+        EXPECT_EQ(queue->thrd_tail.next, &queue->thrd_head);
+        queue.end();
+        EXPECT_EQ(done.take(), expected);
+        if (!queued || ((type == SRC || type == CTX_SRC) && world.reclaim == 0))
+            world.drop(type); // still the caller's
+        EXPECT_EQ(qrn_msg_live(), 0);
+        done.take();
     }
 };
 
-TEST_F(EnqueueTest, QueuesARecordBehindTheOthersAndCountsIt)
+TEST_F(EnqueueTest, EveryTypeMeetsEveryFate)
 {
-    for (int operation = 1; operation <= operations; ++operation)
-        for (int other = 1; other <= operations; other += 3) {
-            SCOPED_TRACE(text("operations %d, %d", operation, other));
-            Queue queue(text("count=%d", other != 1));
-            log_state.dmask = KFX_DBG_EVENT;
-            ASSERT_EQ(enqueue(queue, operation), 0);
-            log_state.dmask = 0;
-            EXPECT_EQ(logged.take(), strings{trace_of(queue, operation)});
-            const qrn_event_t *ev = first_event(queue);
-            constexpr qrn_rcv_cb_proc proc = World::on<MSG>;
-            EXPECT_EQ(ev->type, type_of(operation));
-            EXPECT_EQ(ev->evq, queue.evq);
-            EXPECT_EQ(ev->ctx,
-                      operation == UNBLOCK || operation == CALLBACK ? nullptr : &world.ctx);
-            EXPECT_TRUE(operation != wrcv_with_proc ||
-                        (ev->info.wrcv_msg.clientd == &clientd && ev->info.wrcv_msg.proc == proc));
-            EXPECT_EQ(done.take(), io_journal(operation));
-            ASSERT_EQ(enqueue(queue, other), 0);
-            EXPECT_EQ(first_event(queue), ev);
-            counts expected{};
-            if (other != 1) {
-                count(expected, type_of(operation));
-                count(expected, type_of(other));
-            }
-            EXPECT_EQ(counts_of(queue), expected);
-            EXPECT_EQ(counts_of(queue, &figures::tot), expected);
-            done.take();
-        }
-}
-
-TEST_F(EnqueueTest, RefusalsTouchNothing)
-{
-    for (int operation = 1; operation <= operations; ++operation)
-        for (bool failing : {false, true}) { // or shut down
-            SCOPED_TRACE(text("operation %d, failing %d", operation, failing));
-            const int type = type_of(operation);
-            Queue queue("count size=1 age notify", on_report);
-            append_fails = failing;
-            EXPECT_EQ(failing ? 0 : qrn_event_queue_shutdown(queue), 0);
-            stamps = reports = 0;
-            const bool refused = failing || is_declined(type);
-            EXPECT_EQ(enqueue(queue, operation), failing ? -1 : 0);
-            append_fails = false;
-            counts expected{};
-            if (!refused)
-                count(expected, type);
-            EXPECT_EQ(first_event(queue) == nullptr, refused);
-            EXPECT_EQ(counts_of(queue), expected);
-            EXPECT_EQ(counts_of(queue, &figures::tot), expected);
-            EXPECT_EQ(queue->qsz, !refused);
-            EXPECT_TRUE(failing || stamps == !refused);
-            EXPECT_EQ(reports, !refused);
-            EXPECT_EQ(done.take(), failing ? io_journal(operation, true) : strings{});
-            if (refused)
-                world.drop(type); // still the caller's
-            done.take();
-        }
+    for (const char *tracking : {"", "cancel", "purge=0"})
+        for (int type = MSG; type <= BUNDLE; ++type)
+            for (int end = PLAIN; end <= REFUSED; ++end)
+                expect_end(tracking, type, static_cast<fate>(end));
 }
 
 TEST_F(EnqueueTest, MissingArgumentsAreReported)
 {
-    Queue queue("count");
+    Queue queue("cancel");
     World &w = world;
-    qrn_msg_t *msg = w.new_msg();
-    const auto evq = "evq!=NULL", m = "msg!=NULL", ctx = "ctx!=NULL", proc = "proc!=NULL";
-    const char *const no = nullptr;
-    check_nulls({evq, "rcv!=NULL", no, m, no}, qrn_evq_enq_msg_with_proc, queue, &w.rcv, w.on<MSG>,
-                msg, &w);
-    check_nulls({evq, "bundle!=NULL"}, qrn_evq_enq_msg_bundle, queue, nullptr);
-    check_nulls({evq, "wrcv!=NULL", m}, qrn_evq_enq_wrcv_msg, queue, &w.wrcv, msg);
-    check_nulls({evq, "wrcv!=NULL", no, m, no}, qrn_evq_enq_wrcv_msg_with_proc, queue, &w.wrcv,
-                w.on<MSG>, msg, &w);
-    check_nulls({evq, ctx, no, no, proc, no}, qrn_evq_enq_timer, queue, &w.ctx, 1, &w, w.on<TIMER>,
-                0);
-    check_nulls({evq, ctx, no, no, no, proc}, qrn_evq_enq_io, queue, &w.ctx, 1, 1, &w, w.on<IO>);
-    check_nulls({evq, "src!=NULL", no, no, no, no, proc}, qrn_evq_enq_src, queue, &w.src, 1, &w,
-                nullptr, 0, w.on<SRC>);
-    check_nulls({evq, ctx, no, no, no, no, proc}, qrn_evq_enq_ctx_src, queue, &w.ctx, 1, &w,
-                nullptr, 0, w.on<CTX_SRC>);
-    check_nulls({evq, "req!=NULL", m}, qrn_evq_enq_req, queue, &w.req, msg);
-    check_nulls({evq, ctx, m, no, no}, qrn_evq_enq_imsg, queue, &w.ctx, msg, &w, w.on<IMSG>);
-    check_nulls({evq, no, no}, qrn_evq_enq_cancel, queue, &w.ctx, nullptr);
-    check_nulls({"evq != NULL", no, no, no}, qrn_evq_enq_callback, queue, w.on_callback, nullptr,
-                &w);
-    EXPECT_EQ(first_event(queue), nullptr);
-    EXPECT_EQ(counts_of(queue), counts{});
-    EXPECT_EQ(done.take(), strings{});
-    qrn_msg_delete(msg);
-    // The hooks, called where they are not due.
     qrn_event_t ev{};
-    EXPECT_EQ(qrn_evq_enq_mon_hook(queue, &ev, 1), 0);
-    EXPECT_EQ(qrn_evq_post_enq_mon_hook(queue), 0);
-    EXPECT_EQ(checks.take(),
-              (strings{"evq->monproc!=NULL||evq->attr->q_age!=0", "evq->monproc!=NULL"}));
+    ev.type = TIMER;
+    cancel_info blank{queue, nullptr, nullptr};
+    int remove;
+    const auto fails = [](const char *check, auto call) {
+        EXPECT_EQ(check_failed_by(call), check);
+    };
+    for (int type = MSG; type <= BUNDLE; ++type) {
+        if (type == UNBLOCK)
+            continue; // records an error
+        fails(type == CALLBACK ? "evq != NULL" : "evq!=NULL", [&] { w.enqueue(nullptr, type); });
+        w.drop(type);
+    }
+    for (const kind &k : kinds) {
+        fails("evq!=NULL", [&] { k.purge(nullptr, w.object(k.type)); });
+        fails(k.check, [&] { k.purge(queue, nullptr); });
+        fails(k.check, [&] { k.cancel(nullptr, &blank); });
+        fails("cbinfo->cbproc!=NULL", [&] { k.cancel(w.object(k.type), &blank); });
+    }
+    fails("rcv!=NULL", [&] { qrn_evq_enq_msg_with_proc(queue, {}, w.on<MSG>, {}, {}); });
+    fails("msg!=NULL", [&] { qrn_evq_enq_msg_with_proc(queue, &w.rcv, w.on<MSG>, {}, {}); });
+    fails("wrcv!=NULL", [&] { qrn_evq_enq_wrcv_msg(queue, {}, {}); });
+    fails("req!=NULL", [&] { qrn_evq_enq_req(queue, {}, {}); });
+    fails("ctx!=NULL", [&] { qrn_evq_enq_timer(queue, {}, 1, {}, w.on<TIMER>, 0); });
+    fails("proc!=NULL", [&] { qrn_evq_enq_timer(queue, &w.ctx, 1, {}, {}, 0); });
+    fails("proc!=NULL", [&] { qrn_evq_enq_io(queue, &w.ctx, 1, 1, {}, {}); });
+    fails("src!=NULL", [&] { qrn_evq_enq_src(queue, {}, 1, {}, {}, 0, w.on<SRC>); });
+    fails("bundle!=NULL", [&] { qrn_evq_enq_msg_bundle(queue, {}); });
+    fails("bundle!=NULL", [&] { qrn_event_bundle_delete(nullptr); });
+    fails("ev!=NULL", [&] { qrn_event_delete(nullptr); });
+    fails("ev->info.cancel.obj!=NULL", [&] { qrn_evq_check_obj(queue, &ev); });
+    fails("ev_in_q!=NULL", [&] { qrn_evq_purge_rcv_cmp(nullptr, &ev); });
+    fails("ev_in->type==QRN_EVQ_MSG_TYPE", [&] { qrn_evq_purge_rcv_filter(&ev, &ev, &remove); });
 }
 
 } // namespace

@@ -35,10 +35,6 @@ void kfx_hrtime_timestamp(kfx_hrtime_t *ts)
     ++test::stamps;
     ts->tsc_ticks = test::ticks;
 }
-void kfx_hrtime_delta(const kfx_hrtime_t *start, const kfx_hrtime_t *end, kfx_hrtime_ivl_t *ivl)
-{
-    *ivl = end->tsc_ticks - start->tsc_ticks;
-}
 void kfx_hrtime_delta_usec(const kfx_hrtime_ivl_t *ivl, qrn_ulong_t *usec)
 {
     *usec = *ivl / test::ticks_per_usec;
@@ -98,10 +94,10 @@ inline counts counts_of(qrn_event_queue_t *evq, long figures::*which = &figures:
     return out;
 }
 // What one event of a type adds to them; a bundle here has two data messages and a wildcard one.
-inline void count(counts &to, int type)
+inline void count(counts &to, int type, bool accepted = true)
 {
-    to[static_cast<size_t>(type == BUNDLE ? MSG : type)] += type == BUNDLE ? 2 : 1;
-    to[WRCV] += type == BUNDLE;
+    to[static_cast<size_t>(type == BUNDLE ? MSG : type)] += accepted * (type == BUNDLE ? 2 : 1);
+    to[WRCV] += accepted && type == BUNDLE;
 }
 
 inline qrn_event_t *first_event(qrn_event_queue_t *evq)
@@ -119,15 +115,6 @@ inline int dispatch(qrn_event_queue_t *evq, qrn_ulong_t tmo = QRN_EVQ_DISPATCH_P
     } catch (int) {
         return threw;
     }
-}
-
-// A record that no enqueue operation made.
-inline qrn_event_t *hand_made(qrn_event_queue_t *evq, int type)
-{
-    qrn_event_t *ev = kfx::alloc_zeroed<qrn_event_t>();
-    ev->type = type;
-    ev->evq = evq;
-    return ev;
 }
 
 // The kinds of object that events are purged by and cancelled for, each under the type of its own
@@ -165,7 +152,7 @@ struct World {
     qrn_wildcard_rcv_t wrcv{};
     qrn_src_t src{};
     qrn_request_t req{};
-    int id = 37;
+    int id = 37, reclaim = 1;
     qrn_ulong_t recurring = 0, readiness = 3;
     qrn_uint_t sequence = 0;
     // Of the last event:
@@ -191,17 +178,18 @@ struct World {
     int enqueue(qrn_event_queue_t *evq, int type)
     {
         queue = evq;
-        return type == MSG       ? qrn_evq_enq_msg_with_proc(evq, &rcv, on<MSG>, new_msg(), this)
-               : type == TIMER   ? qrn_evq_enq_timer(evq, &ctx, id, this, on<TIMER>, recurring)
-               : type == IO      ? qrn_evq_enq_io(evq, &ctx, 7, readiness, this, on<IO>)
-               : type == SRC     ? qrn_evq_enq_src(evq, &src, 42, this, new_block(), 1, on<SRC>)
-               : type == REQ     ? qrn_evq_enq_req(evq, &req, new_msg())
+        payload = nullptr;
+        return type == MSG     ? qrn_evq_enq_msg_with_proc(evq, &rcv, on<MSG>, new_msg(), this)
+               : type == TIMER ? qrn_evq_enq_timer(evq, &ctx, id, this, on<TIMER>, recurring)
+               : type == IO    ? qrn_evq_enq_io(evq, &ctx, 7, readiness, this, on<IO>)
+               : type == SRC   ? qrn_evq_enq_src(evq, &src, 42, this, new_block(), reclaim, on<SRC>)
+               : type == REQ   ? qrn_evq_enq_req(evq, &req, new_msg())
                : type == UNBLOCK ? qrn_event_dispatch_unblock(evq)
                : type == IMSG    ? qrn_evq_enq_imsg(evq, &ctx, new_msg(), this, on<IMSG>)
                : type == WRCV    ? qrn_evq_enq_wrcv_msg(evq, &wrcv, new_msg())
                : type == CANCEL  ? qrn_evq_enq_cancel(evq, &ctx, new_block())
                : type == CTX_SRC
-                   ? qrn_evq_enq_ctx_src(evq, &ctx, 43, this, new_block(), 1, on<CTX_SRC>)
+                   ? qrn_evq_enq_ctx_src(evq, &ctx, 43, this, new_block(), reclaim, on<CTX_SRC>)
                : type == CALLBACK ? qrn_evq_enq_callback(evq, on_callback, on_discard, this)
                                   : qrn_evq_enq_msg_bundle(evq, new_bundle({MSG, MSG, WRCV}));
     }
@@ -219,39 +207,31 @@ struct World {
             qrn_msg_delete(static_cast<qrn_msg_t *>(payload));
         else if (type == BUNDLE)
             qrn_event_bundle_delete(static_cast<qrn_event_bundle_t *>(payload));
-        else if (type == SRC || type == CTX_SRC || type == CANCEL)
+        else
             std::free(payload);
     }
 
-    // The journal's lines for the last event, which was of this type: its callback, and what follows.
-    std::string called(int type)
+    // The journal's lines of the last event, which was of this type: its callback if it ran, and what
+    // follows.
+    strings delivered(int type, bool ran, bool id_is_free = true)
     {
         const char *name = names[type];
         void *const of = type == WRCV ? nullptr : object(type);
-        return type == TIMER      ? what(name, of, this)
-               : type == IO       ? what(name, of, 7, readiness, this)
-               : type == SRC      ? what(name, of, 42, payload, this)
-               : type == CTX_SRC  ? what(name, of, 43, payload, this)
-               : type == CALLBACK ? what(name, queue, this)
-               : type == BUNDLE   ? what(name, payload, this)
-                                  : what(name, of, payload, this);
-    }
-    strings settled(int type, bool id_is_free = true)
-    {
-        if (has_msg(type))
-            return {what("consumed", payload)};
-        if (type == IO)
-            return {what("resume", &fdm, 7, readiness)};
-        if (type == TIMER && id_is_free)
-            return {what("free id", &timer, id)};
-        return {};
-    }
-
-    strings delivered(int type, bool ran, bool id_is_free = true)
-    {
-        strings lines = settled(type, id_is_free);
+        strings lines;
         if (ran)
-            lines.insert(lines.begin(), called(type));
+            lines.push_back(type == TIMER      ? what(name, of, this)
+                            : type == IO       ? what(name, of, 7, readiness, this)
+                            : type == SRC      ? what(name, of, 42, payload, this)
+                            : type == CTX_SRC  ? what(name, of, 43, payload, this)
+                            : type == CALLBACK ? what(name, queue, this)
+                            : type == BUNDLE   ? what(name, payload, this)
+                                               : what(name, of, payload, this));
+        if (has_msg(type))
+            lines.push_back(what("consumed", payload));
+        if (type == IO)
+            lines.push_back(what("resume", &fdm, 7, readiness));
+        if (type == TIMER && id_is_free)
+            lines.push_back(what("free id", &timer, id));
         return lines;
     }
     // Those of an event that was shut down with its queue, or whose warning threw.
@@ -259,7 +239,7 @@ struct World {
     {
         if (type == CALLBACK)
             return {what("discard", queue, this)};
-        return type == IO ? settled(IO) : strings{};
+        return type == IO ? delivered(IO, false) : strings{};
     }
 
     void *new_block() { return payload = kfx::alloc<long>(); }
@@ -293,10 +273,10 @@ struct World {
         return bundle;
     }
 
-    // The callbacks: client data is their last argument.
-    static constexpr const char *names[] = {"",        "MSG",      "TIMER", "IO",   "SRC",
-                                            "REQ",     "UNBLOCK",  "IMSG",  "WRCV", "CANCEL",
-                                            "CTX_SRC", "CALLBACK", "BUNDLE"};
+    // The callbacks: client data is their last argument. Types are named as their part of a record.
+    static constexpr const char *names[] = {"",        "msg",      "timer", "io",       "src",
+                                            "req",     "",         "imsg",  "wrcv_msg", "cancel",
+                                            "ctx_src", "callback", "bundle"};
     template <int type, class... Args>
     static int on(Args... args)
     {
@@ -318,26 +298,6 @@ protected:
         Fixture::TearDown();
     }
 };
-
-// Calls `op` with each argument in turn null that has an entry in `exprs`, and expects that check.
-template <class... Args>
-void check_nulls(const std::array<const char *, sizeof...(Args)> &exprs, int (*op)(Args...),
-                 std::type_identity_t<Args>... args)
-{
-    const auto check = [&](auto i) {
-        std::tuple<Args...> with_null(args...);
-        std::get<i>(with_null) = {};
-        const auto call = [&] { std::apply(op, with_null); };
-        EXPECT_EQ(exprs[i] == nullptr ? "" : check_failed_by(call),
-                  exprs[i] == nullptr ? "" : exprs[i])
-            << i;
-    };
-    [&]<size_t... i>(std::index_sequence<i...>)
-    {
-        (check(std::integral_constant<size_t, i>{}), ...);
-    }
-    (std::index_sequence_for<Args...>{});
-}
 
 } // namespace test
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Purges: random queues against a model, and the parts of a pass alone.
+// Purges: random queues against a model, and the registry of queues.
 #include <deque>
 #include <random>
 
@@ -29,12 +29,6 @@ protected:
         strings lines{};                 // the journal of its delivery
 
         long size() const { return type == BUNDLE ? data[0] + data[1] + wild[0] + wild[1] : 1; }
-        void count_in(counts &out) const
-        {
-            out[static_cast<size_t>(type == BUNDLE ? MSG : type)] +=
-                type == BUNDLE ? data[0] + data[1] : 1;
-            out[WRCV] += wild[0] + wild[1];
-        }
     };
     std::deque<entry> model;
 
@@ -45,17 +39,18 @@ protected:
         w.id = 37 + static_cast<int>(random() % 2);
         w.readiness = random() % 4 + 1;
         e.key = e.type == TIMER ? w.id == 37 : e.type != IO || (w.readiness & 2) != 0;
-        qrn_event_bundle_t *bundle = e.type == BUNDLE ? w.new_bundle({}) : nullptr;
-        for (auto n = bundle != nullptr ? random() % 6 + 1 : 0; n > 0; --n) {
-            const bool wild = random() % 2;
-            const auto of = random() % 2;
-            worlds[of].add(bundle, wild ? WRCV : MSG);
-            ++(wild ? e.wild : e.data)[of];
-        }
-        if (bundle != nullptr)
+        if (e.type != BUNDLE) {
+            EXPECT_EQ(w.enqueue(evq, e.type), 0);
+        } else {
+            qrn_event_bundle_t *bundle = w.new_bundle({});
+            for (auto n = random() % 6 + 1; n > 0; --n) {
+                const auto wild = random() % 2, of = random() % 2;
+                worlds[of].add(bundle, wild ? WRCV : MSG);
+                ++(wild ? e.wild : e.data)[of];
+            }
             w.payload = bundle;
-        EXPECT_EQ(bundle == nullptr ? w.enqueue(evq, e.type) : qrn_evq_enq_msg_bundle(evq, bundle),
-                  0);
+            EXPECT_EQ(qrn_evq_enq_msg_bundle(evq, bundle), 0);
+        }
         e.lines = w.delivered(e.type, has_callback(e.type));
         model.push_back(e);
     }
@@ -101,7 +96,9 @@ TEST_F(PurgeTest, RandomQueuesKeepExactlyWhatRefersToOtherObjects)
             counts expected{};
             long size = 0;
             for (const entry &e : model) {
-                e.count_in(expected);
+                expected[static_cast<size_t>(e.type == BUNDLE ? MSG : e.type)] +=
+                    e.type == BUNDLE ? e.data[0] + e.data[1] : 1;
+                expected[WRCV] += e.wild[0] + e.wild[1];
                 size += e.size();
             }
             EXPECT_EQ(counts_of(queue), counted ? expected : counts{});
@@ -117,76 +114,32 @@ TEST_F(PurgeTest, RandomQueuesKeepExactlyWhatRefersToOtherObjects)
     }
 }
 
+// The newest first, whichever went away; timers stay where objects are not purged on close.
 TEST_F(PurgeTest, QueuesOfTheWholeRegistryArePurged)
 {
-    Queue purged, kept("purge=0");
-    for (Queue *queue : {&purged, &kept}) {
-        world.enqueue(*queue, TIMER);
-        world.enqueue(*queue, IO);
-        worlds[0].enqueue(*queue, IO);
-    }
-    done.take();
-    EXPECT_EQ(qrn_evq_purge_timer_all(&world.ctx, 37), 0);
-    EXPECT_EQ(first_event(purged)->type, IO);
-    EXPECT_EQ(first_event(kept)->type, TIMER);
-    EXPECT_EQ(qrn_evq_purge_io_all(&world.ctx, 7, 1), 0);
-    EXPECT_EQ(done.take(), strings(2, world.settled(IO)[0]));
-    EXPECT_EQ(qrn_event_dispatch(purged, 0), 1);
-    EXPECT_EQ(first_event(purged), nullptr);
-}
-
-// The exported parts of a pass: a filter leaves the record, the removal callback leaves the message
-// of a response or an immediate message.
-TEST_F(PurgeTest, PartsOfAPassReleaseWhatIsTheirs)
-{
-    for (int type : std::initializer_list<int>{MSG, WRCV, REQ, IMSG}) {
-        Queue queue("count size=5 age");
-        ASSERT_EQ(world.enqueue(queue, type), 0);
-        void *taken;
-        ASSERT_EQ(qrn_tl_queue_dequeue(queue->q, &taken, 0), 0);
-        auto *ev = static_cast<qrn_event_t *>(taken);
-        const qrn_event_t key = *ev;
-        int remove = 0;
-        if (type == REQ || type == IMSG) {
-            EXPECT_EQ(qrn_evq_purge_rem(ev), 0);
-            world.drop(type);
-        } else {
-            const auto filter = type == MSG ? qrn_evq_purge_rcv_filter : qrn_evq_purge_wrcv_filter;
-            EXPECT_EQ(filter(ev, &key, &remove), 0);
-            EXPECT_EQ(remove, 1);
-            EXPECT_EQ(qrn_event_delete(ev), 0);
+    Queue a, b, c("purge=0");
+    const auto expect_registry = [&](std::initializer_list<Queue *> newest_first) {
+        strings expected;
+        for (Queue *queue : newest_first) {
+            ++world.readiness;
+            world.enqueue(*queue, TIMER);
+            world.enqueue(*queue, IO);
+            expected.push_back(world.discarded(IO)[0]);
         }
-        EXPECT_EQ(counts_of(queue), counts{});
-        EXPECT_EQ(queue->qsz, 0);
-    }
-}
-
-TEST_F(PurgeTest, MissingArgumentsAreReported)
-{
-    Queue queue;
-    const auto ctx = "ctx!=NULL", in = "ev_in!=NULL", in_q = "ev_in_q!=NULL";
-    const char *const no = nullptr;
-    qrn_event_t ev{};
-    int remove;
-    ev.type = WRCV;
-    for (auto *cmp : {qrn_evq_purge_rcv_cmp, qrn_evq_purge_wrcv_cmp, qrn_evq_purge_src_cmp,
-                      qrn_evq_purge_req_cmp, qrn_evq_purge_ctx_src_cmp, qrn_evq_purge_timer_cmp,
-                      qrn_evq_purge_io_cmp, qrn_evq_purge_msg_bundle_cmp})
-        check_nulls({in_q, in}, cmp, &ev, &ev);
-    check_nulls({in_q, in, no}, qrn_evq_purge_rcv_filter, &ev, &ev, nullptr);
-    check_nulls({in_q, in, "remove!=NULL"}, qrn_evq_purge_wrcv_filter, &ev, &ev, &remove);
-    ev.type = TIMER;
-    const auto filter = [&](auto *proc) { proc(&ev, &ev, &remove); };
-    EXPECT_EQ(check_failed_by([&] { filter(qrn_evq_purge_rcv_filter); }),
-              "ev_in->type==QRN_EVQ_MSG_TYPE");
-    EXPECT_EQ(check_failed_by([&] { filter(qrn_evq_purge_wrcv_filter); }),
-              "ev_in->type==QRN_EVQ_WRCV_MSG_TYPE");
-    for (const kind &k : kinds) {
-        EXPECT_EQ(check_failed_by([&] { k.purge(nullptr, world.object(k.type)); }), "evq!=NULL");
-        EXPECT_EQ(check_failed_by([&] { k.purge(queue, nullptr); }), k.check);
-    }
-    check_nulls({ctx, no}, qrn_evq_purge_timer_all, &world.ctx, 0);
-    check_nulls({ctx, no, no}, qrn_evq_purge_io_all, &world.ctx, 0, 0);
+        done.take();
+        EXPECT_EQ(qrn_evq_purge_timer_all(&world.ctx, 37), 0);
+        EXPECT_EQ(qrn_evq_purge_io_all(&world.ctx, 7, ~0UL), 0);
+        EXPECT_EQ(done.take(), expected);
+        for (Queue *queue : newest_first)
+            EXPECT_EQ(dispatch(*queue), queue == &c);
+    };
+    expect_registry({&c, &b, &a});
+    b.end(); // from the middle
+    Queue d;
+    expect_registry({&d, &c, &a});
+    d.end(); // the first
+    a.end(); // the last
+    expect_registry({&c});
 }
 
 } // namespace

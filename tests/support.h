@@ -26,13 +26,9 @@ using strings = std::vector<std::string>;
 template <class... Args>
 std::string text(const char *fmt, Args... args)
 {
-    if constexpr (sizeof...(args) == 0) {
-        return fmt;
-    } else {
-        char buf[1024];
-        kfx_snprintf(buf, sizeof buf, fmt, args...);
-        return buf;
-    }
+    char buf[1024];
+    kfx_snprintf(buf, sizeof buf, fmt, args...);
+    return buf;
 }
 
 // What happened, and with which arguments.
@@ -69,20 +65,15 @@ private:
 inline journal logged; // traces as they are, other lines behind their level
 inline journal checks; // failed checks that are not fatal
 
-// What a fatal check throws in a test, since the code behind it relies on it.
-struct failed_check {
-    std::string expr;
-};
-
-// The fatal check that `call` fails; empty when none.
+// The fatal check that `call` fails, which a test throws since the code behind it relies on it.
 template <class Call>
 std::string check_failed_by(Call call)
 {
     try {
         call();
         return "";
-    } catch (const failed_check &failed) {
-        return failed.expr;
+    } catch (const std::string &expr) {
+        return expr;
     }
 }
 
@@ -95,7 +86,7 @@ protected:
         });
         kfx_set_fail_assert_handler([](const char *expr, const char *, int, int fatal) {
             if (fatal)
-                throw failed_check{expr};
+                throw std::string(expr);
             checks.note(expr);
         });
     }
