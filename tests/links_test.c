@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Every operation of the library exists with C linkage: linking this program proves it. The handlers
-// of the options are named too, and must be those of the option table.
+// Every operation of the library exists with C linkage: linking this program proves it. The
+// handlers of the options are named too, and must be those of the option table.
 #include <stdio.h>
 
 #include "kfx.h"
@@ -73,64 +73,51 @@ static const op volatile operations[] = {
     (op)qrnmon_format_csv_module, (op)qrnmon_transport_qrn_module,
     (op)qrnmon_transport_qrnsnmp_module,
 };
-static const qrn_event_queue_attr_set_proc set[] = {
-    qrn_event_queue_attr_q_sz_warn_set, qrn_event_queue_attr_q_delay_warn_set,
-    qrn_event_queue_attr_q_notify_set, qrn_event_queue_attr_q_cancel_cb_set,
-    qrn_event_queue_attr_q_purge_on_close_set, qrn_event_queue_attr_q_svc_time_set,
-    qrn_event_queue_attr_q_age_set, qrn_event_queue_attr_q_count_set,
-    qrn_event_queue_attr_monitor_ivl_set, qrn_event_queue_attr_monitor_transport_set,
-    qrn_event_queue_attr_monitor_transport_opts_set, qrn_event_queue_attr_monitor_appid_set,
-    qrn_event_queue_attr_event_queue_name_set, qrn_event_queue_attr_app_data_set,
-};
-static const qrn_event_queue_attr_sets_proc sset[] = {
-    qrn_event_queue_attr_q_sz_warn_sset, qrn_event_queue_attr_q_delay_warn_sset,
-    qrn_event_queue_attr_q_notify_sset, qrn_event_queue_attr_q_cancel_cb_sset,
-    qrn_event_queue_attr_q_purge_on_close_sset, qrn_event_queue_attr_q_svc_time_sset,
-    qrn_event_queue_attr_q_age_sset, qrn_event_queue_attr_q_count_sset,
-    qrn_event_queue_attr_monitor_ivl_sset, qrn_event_queue_attr_monitor_transport_sset,
-    qrn_event_queue_attr_monitor_transport_opts_sset, qrn_event_queue_attr_monitor_appid_sset,
-    qrn_event_queue_attr_event_queue_name_sset, qrn_event_queue_attr_app_data_sset,
-};
-static const qrn_event_queue_attr_get_proc get[] = {
-    qrn_event_queue_attr_q_sz_warn_get, qrn_event_queue_attr_q_delay_warn_get,
-    qrn_event_queue_attr_q_notify_get, qrn_event_queue_attr_q_cancel_cb_get,
-    qrn_event_queue_attr_q_purge_on_close_get, qrn_event_queue_attr_q_svc_time_get,
-    qrn_event_queue_attr_q_age_get, qrn_event_queue_attr_q_count_get,
-    qrn_event_queue_attr_monitor_ivl_get, qrn_event_queue_attr_monitor_transport_get,
-    qrn_event_queue_attr_monitor_transport_opts_get, qrn_event_queue_attr_monitor_appid_get,
-    qrn_event_queue_attr_event_queue_name_get, qrn_event_queue_attr_app_data_get,
-};
-static const qrn_event_queue_attr_gets_proc sget[] = {
-    qrn_event_queue_attr_q_sz_warn_sget, qrn_event_queue_attr_q_delay_warn_sget,
-    qrn_event_queue_attr_q_notify_sget, qrn_event_queue_attr_q_cancel_cb_sget,
-    qrn_event_queue_attr_q_purge_on_close_sget, qrn_event_queue_attr_q_svc_time_sget,
-    qrn_event_queue_attr_q_age_sget, qrn_event_queue_attr_q_count_sget,
-    qrn_event_queue_attr_monitor_ivl_sget, qrn_event_queue_attr_monitor_transport_sget,
-    qrn_event_queue_attr_monitor_transport_opts_sget, qrn_event_queue_attr_monitor_appid_sget,
-    qrn_event_queue_attr_event_queue_name_sget, qrn_event_queue_attr_app_data_sget,
+static const op handlers[][4] = {
+    {(op)qrn_event_queue_attr_q_sz_warn_set, (op)qrn_event_queue_attr_q_sz_warn_sset,
+     (op)qrn_event_queue_attr_q_sz_warn_get, (op)qrn_event_queue_attr_q_sz_warn_sget},
+    {(op)qrn_event_queue_attr_q_delay_warn_set, (op)qrn_event_queue_attr_q_delay_warn_sset,
+     (op)qrn_event_queue_attr_q_delay_warn_get, (op)qrn_event_queue_attr_q_delay_warn_sget},
+    {(op)qrn_event_queue_attr_q_notify_set, (op)qrn_event_queue_attr_q_notify_sset,
+     (op)qrn_event_queue_attr_q_notify_get, (op)qrn_event_queue_attr_q_notify_sget},
+    {(op)qrn_event_queue_attr_q_cancel_cb_set, (op)qrn_event_queue_attr_q_cancel_cb_sset,
+     (op)qrn_event_queue_attr_q_cancel_cb_get, (op)qrn_event_queue_attr_q_cancel_cb_sget},
+    {(op)qrn_event_queue_attr_q_purge_on_close_set, (op)qrn_event_queue_attr_q_purge_on_close_sset,
+     (op)qrn_event_queue_attr_q_purge_on_close_get, (op)qrn_event_queue_attr_q_purge_on_close_sget},
+    {(op)qrn_event_queue_attr_q_svc_time_set, (op)qrn_event_queue_attr_q_svc_time_sset,
+     (op)qrn_event_queue_attr_q_svc_time_get, (op)qrn_event_queue_attr_q_svc_time_sget},
+    {(op)qrn_event_queue_attr_q_age_set, (op)qrn_event_queue_attr_q_age_sset,
+     (op)qrn_event_queue_attr_q_age_get, (op)qrn_event_queue_attr_q_age_sget},
+    {(op)qrn_event_queue_attr_q_count_set, (op)qrn_event_queue_attr_q_count_sset,
+     (op)qrn_event_queue_attr_q_count_get, (op)qrn_event_queue_attr_q_count_sget},
+    {(op)qrn_event_queue_attr_monitor_ivl_set, (op)qrn_event_queue_attr_monitor_ivl_sset,
+     (op)qrn_event_queue_attr_monitor_ivl_get, (op)qrn_event_queue_attr_monitor_ivl_sget},
+    {(op)qrn_event_queue_attr_monitor_transport_set,
+     (op)qrn_event_queue_attr_monitor_transport_sset,
+     (op)qrn_event_queue_attr_monitor_transport_get,
+     (op)qrn_event_queue_attr_monitor_transport_sget},
+    {(op)qrn_event_queue_attr_monitor_transport_opts_set,
+     (op)qrn_event_queue_attr_monitor_transport_opts_sset,
+     (op)qrn_event_queue_attr_monitor_transport_opts_get,
+     (op)qrn_event_queue_attr_monitor_transport_opts_sget},
+    {(op)qrn_event_queue_attr_monitor_appid_set, (op)qrn_event_queue_attr_monitor_appid_sset,
+     (op)qrn_event_queue_attr_monitor_appid_get, (op)qrn_event_queue_attr_monitor_appid_sget},
+    {(op)qrn_event_queue_attr_event_queue_name_set, (op)qrn_event_queue_attr_event_queue_name_sset,
+     (op)qrn_event_queue_attr_event_queue_name_get, (op)qrn_event_queue_attr_event_queue_name_sget},
+    {(op)qrn_event_queue_attr_app_data_set, (op)qrn_event_queue_attr_app_data_sset,
+     (op)qrn_event_queue_attr_app_data_get, (op)qrn_event_queue_attr_app_data_sget},
 };
 // clang-format on
-
-static int missing;
-
-static void expect(int there, const char *list, size_t row)
-{
-    if (there)
-        return;
-    fprintf(stderr, "%s[%zu] is missing\n", list, row);
-    missing = 1;
-}
 
 int main(void)
 {
     for (size_t i = 0; i < sizeof operations / sizeof operations[0]; ++i)
-        expect(operations[i] != NULL, "operations", i);
+        if (operations[i] == NULL)
+            return fprintf(stderr, "operation %zu is missing\n", i);
     const qrn_event_queue_attr_entry_t *entry = qrn_event_queue_attr_opt_table;
-    for (size_t i = 0; i < sizeof set / sizeof set[0]; ++i, ++entry)
-        expect(entry->set == set[i] && entry->sset == sset[i] && entry->get == get[i] &&
-                   entry->sget == sget[i],
-               "handlers of option", i);
-    expect(entry->oname == NULL, "the end of the options", 14);
-    expect(qrn_event_queue_opt_table[7].oname == NULL, "the end of the live options", 7);
-    return missing;
+    for (size_t i = 0; i < sizeof handlers / sizeof handlers[0]; ++i, ++entry)
+        if ((op)entry->set != handlers[i][0] || (op)entry->sset != handlers[i][1] ||
+            (op)entry->get != handlers[i][2] || (op)entry->sget != handlers[i][3])
+            return fprintf(stderr, "other handlers of option %zu\n", i);
+    return entry->oname != NULL || qrn_event_queue_opt_table[7].oname != NULL;
 }
