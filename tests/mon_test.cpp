@@ -4,11 +4,15 @@
 // and that a queue is left alone once its monitoring has stopped.
 #include <algorithm>
 #include <arpa/inet.h>
+#include <clocale>
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <latch>
+#include <locale>
 #include <map>
+#include <memory>
+#include <regex>
+#include <semaphore>
 #include <set>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -38,40 +42,25 @@ using fields = std::map<std::string, std::string>;
 // The fields of a line, by the names of the columns, with quotes undone.
 fields split(const std::string &line)
 {
-    strings values(1);
-    bool quoted = false;
-    for (size_t i = 0; i + 1 < line.size(); ++i) {
-        if (line[i] == ',' && !quoted)
-            values.emplace_back();
-        else if (line[i] != '"' || (!quoted && i > 0 && line[i - 1] == '"'))
-            values.back() += line[i]; // of two quotes the second
-        quoted ^= line[i] == '"';
-    }
-    EXPECT_TRUE(line.ends_with('\n') && !quoted) << line;
-    EXPECT_EQ(values.size(), qrnmon::columns.size()) << line;
+    static const std::regex field("(?:\"((?:[^\"]|\"\")*)\"|([^,\"]*))[,\n]"), quotes("\"\"");
+    std::sregex_iterator next(line.begin(), line.end(), field), end;
     fields out;
-    for (size_t i = 0; i < std::min(values.size(), qrnmon::columns.size()); ++i)
-        out[std::string(qrnmon::columns[i].name)] = values[i];
+    for (auto column = qrnmon::columns.begin(); next != end; ++next)
+        if (column != qrnmon::columns.end())
+            out[std::string((column++)->name)] =
+                std::regex_replace(next->str(1) + next->str(2), quotes, "\"");
+    EXPECT_EQ(out.size(), qrnmon::columns.size()) << line;
     return out;
 }
 
-// The values of some columns, as "a|b".
-std::string values(const fields &row, const std::string &columns)
+// The values of some columns, as "a|b|".
+std::string values(fields row, const std::string &columns)
 {
     std::istringstream names(columns);
     std::string out;
     for (std::string name; names >> name;)
-        out += (row.contains(name) ? row.at(name) : "no " + name) + "|";
-    out.pop_back();
+        out += row[name] + "|";
     return out;
-}
-
-// The form of a text: each digit as '9'.
-std::string form(std::string text)
-{
-    std::ranges::replace_if(
-        text, [](char c) { return c >= '0' && c <= '9'; }, '9');
-    return text;
 }
 
 // A receiver on a free port.
@@ -99,9 +88,7 @@ public:
             fields line = split({bytes, static_cast<size_t>(size)});
             if (line["schema"] != "schema")
                 return line;
-            ++headers;
-            for (auto &[name, title] : line)
-                EXPECT_EQ(name, title);
+            headers += line["callback_events_svc_max"] == "callback_events_svc_max";
         }
         return {};
     }
@@ -136,22 +123,19 @@ struct Controller {
     Controller(const Controller &) = delete;
 };
 
-int samplers()
+long samplers()
 {
-    int count = 0;
-    for (const auto &task : fs::directory_iterator("/proc/self/task")) {
+    return std::ranges::count_if(fs::directory_iterator("/proc/self/task"), [](const auto &task) {
         std::string name;
-        count += std::getline(std::ifstream(task.path() / "comm"), name) && name == "qrnmon";
-    }
-    return count;
+        return std::getline(std::ifstream(task.path() / "comm"), name) && name == "qrnmon";
+    });
 }
 
 void post(qrn_event_queue_t *evq, int count)
 {
+    const auto nothing = [](qrn_event_queue_t *, void *) {};
     for (int i = 0; i < count; ++i)
-        EXPECT_EQ(qrn_evq_enq_callback(
-                      evq, [](qrn_event_queue_t *, void *) {}, nullptr, nullptr),
-                  0);
+        EXPECT_EQ(qrn_evq_enq_callback(evq, nothing, nullptr, nullptr), 0);
 }
 
 class Mon : public Fixture {
@@ -165,8 +149,6 @@ protected:
     Receiver in;
 };
 
-// --- Records -------------------------------------------------------------------------------------
-
 TEST_F(Mon, ARecordHoldsTheFiguresOfTheQueue)
 {
     Queue q("count svc age size=1 delay=1000000000 name=orders",
@@ -178,12 +160,11 @@ TEST_F(Mon, ARecordHoldsTheFiguresOfTheQueue)
     EXPECT_EQ(in.headers, 1);
     EXPECT_EQ(values(row, "schema seq interval_s app queue depth warning callback_events "
                           "callback_events_tot events events_tot data_msgs data_msgs_tot "
-                          "data_msgs_svc_min data_msgs_svc_mean data_msgs_svc_max"),
-              "1|1|1|an app, \"quoted\"|orders|3|1|3|4|3|4|0|0|||");
-    EXPECT_EQ(row["pid"], std::to_string(getpid()));
+                          "data_msgs_svc_min data_msgs_svc_mean data_msgs_svc_max pid"),
+              "1|1|1|an app, \"quoted\"|orders|3|1|3|4|3|4|0|0||||" + std::to_string(getpid()) +
+                  "|");
     for (const char *name : {"age_min", "age_mean", "age_max", "callback_events_svc_mean"})
-        EXPECT_EQ(form(row[name]), std::string(std::max(row[name].size(), size_t{1}), '9')) << name;
-    EXPECT_EQ(form(values(row, "epoch_s time_utc")), "9999999999.999999|9999-99-99T99:99:99.999Z");
+        EXPECT_FALSE(row[name].empty()) << name;
 }
 
 TEST_F(Mon, WhatAQueueDoesNotKeepIsAnEmptyField)
@@ -195,11 +176,11 @@ TEST_F(Mon, WhatAQueueDoesNotKeepIsAnEmptyField)
         const char *count = options == "count" ? "2" : "";
         EXPECT_EQ(
             values(in.row(), "depth events events_tot age_min callback_events_svc_max app queue"),
-            text("%s|%s|%s||||", options.size() < 4 ? "" : "2", count, count));
+            text("%s|%s|%s|||||", options.size() < 4 ? "" : "2", count, count));
     }
 }
 
-TEST_F(Mon, TotalsGoOnWhenTheStatisticsAreReset)
+TEST_F(Mon, TotalsGoOnAfterAResetAndTheHeaderComesAgain)
 {
     Queue q("count");
     post(q, 5);
@@ -207,91 +188,56 @@ TEST_F(Mon, TotalsGoOnWhenTheStatisticsAreReset)
     EXPECT_EQ(in.row()["callback_events_tot"], "5");
     qrn_event_queue_reset_stats(q);
     post(q, 2);
-    EXPECT_EQ(values(in.row(), "callback_events_tot events_tot callback_events seq"), "7|7|7|2");
+    EXPECT_EQ(values(in.row(), "callback_events_tot events_tot callback_events seq"), "7|7|7|2|");
     EXPECT_EQ(in.headers, 1);
-}
-
-TEST_F(Mon, TheHeaderComesAgainForLateReceivers)
-{
-    Queue q;
-    Controller by(in.options, q);
-    EXPECT_EQ(in.row()["seq"], "1");
     ahead = 10;
-    EXPECT_EQ(in.row()["seq"], "2");
-    EXPECT_EQ(in.headers, 2);
+    EXPECT_EQ(in.row()["seq"], "3");
+    EXPECT_EQ(in.headers, 2) << "for receivers that come late";
     ahead = 0;
 }
 
-// --- The format ----------------------------------------------------------------------------------
+// A locale that groups digits and has a comma for the decimal point.
+struct foreign : std::numpunct<char> {
+    char do_decimal_point() const override { return ','; }
+    std::string do_grouping() const override { return "\1"; }
+};
 
-qrnmon::sample full_sample(qrn_ulong_t figure, std::string_view name)
+TEST_F(Mon, ARecordIsOneLineOfBoundedFieldsInAnyLocale)
 {
-    qrnmon::sample out{};
-    out.real = {1'700'000'000, 123'456'789};
-    out.mono = {1'000'000, 5000};
-    out.seq = out.queue_id = out.interval = figure;
-    out.depth = out.warning = out.size_warnings = out.delay_warnings = figure;
-    out.pid = 4'194'304;
-    out.app = out.queue = name;
-    out.counted = true;
-    out.stats.fill(figure);
-    return out;
-}
-
-TEST_F(Mon, ARecordIsOneLineOfBoundedFields)
-{
-    const std::string accents = "\xc3\xa9", longest(500, '"');
+    const std::string accents = "\xc3\xa9", longest(126, 'x');
     const std::pair<std::string, std::string> texts[] = {
         {"", ""},
-        {"a,b", "\"a,b\""},
-        {"say \"x\"", "\"say \"\"x\"\"\""},
-        {" lead", "\" lead\""},
-        {"two\nlines\t", "\"two lines \""},
-        {std::string(127, 'x') + accents, std::string(127, 'x')},
-        {std::string(126, 'x') + accents, std::string(126, 'x') + accents},
+        {"say, \"x\"", "\"say, \"\"x\"\"\""},
+        {" two\nlines\t", "\" two lines \""},
+        {longest + accents, longest + accents},
+        {longest + "x" + accents, longest + "x"},
     };
+    qrnmon::sample sample{};
+    sample.real = {1'700'000'000, 123'456'789};
+    sample.mono = {1'000'000, 5000};
+    sample.pid = 4'194'304;
+    sample.counted = true;
+    sample.stats.fill(sample.seq = sample.queue_id = sample.interval = 1234567);
     qrnmon::record_buffer out;
+    const std::locale before = std::locale::global({std::locale(), new foreign});
+    setlocale(LC_ALL, "de_DE.UTF-8"); // where there is one
     for (auto &[given, written] : texts) {
-        const std::string line(qrnmon::csv_record(out, full_sample(1, given)));
-        EXPECT_EQ(line.substr(0, line.find(",1,1,1,")),
-                  "1,1700000000.123456,2023-11-14T22:13:20.123Z,1000000.000005,1,4194304," +
-                      written + "," + written);
+        sample.app = sample.queue = given;
+        const std::string line(qrnmon::csv_record(out, sample));
+        EXPECT_EQ(line.substr(0, line.find(",0,0,0,0,")),
+                  "1,1700000000.123456,2023-11-14T22:13:20.123Z,1000000.000005,1234567,4194304," +
+                      written + "," + written + ",1234567,1234567");
+        EXPECT_TRUE(line.ends_with(",1234567,1234567\n")) << line;
     }
-    EXPECT_EQ(qrnmon::csv_header(out).size(), 1163U + 1);
-    const std::string most(qrnmon::csv_record(out, full_sample(~0UL >> 1, longest)));
+    std::locale::global(before);
+    setlocale(LC_ALL, "C");
+    const std::string quotes(500, '"');
+    sample.app = sample.queue = quotes;
+    sample.stats.fill(sample.seq = sample.queue_id = sample.interval = sample.depth = ~0UL >> 1);
+    const std::string most(qrnmon::csv_record(out, sample));
     EXPECT_LT(most.size(), qrnmon::max_record);
     EXPECT_EQ(split(most)["app"], std::string(128, '"'));
 }
-
-// docs/monitoring.md has the columns, in order, with their kinds.
-TEST_F(Mon, TheDocumentDescribesEveryColumn)
-{
-    using enum qrnmon::kind;
-    fs::path root = fs::read_symlink("/proc/self/exe");
-    while (root.has_relative_path() && !fs::exists(root / "docs" / "monitoring.md"))
-        root = root.parent_path();
-    std::ifstream doc(root / "docs" / "monitoring.md");
-    if (!doc.is_open())
-        GTEST_SKIP() << "built outside of the source tree";
-    strings documented, written;
-    for (std::string line; std::getline(doc, line);) {
-        std::istringstream words(line);
-        std::string first, name, between, as;
-        words >> first >> name >> between >> as;
-        if (as == "label" || as == "clock" || as == "gauge" || as == "counter")
-            documented.push_back(name.substr(1, name.size() - 2) + " " + as);
-    }
-    for (auto &[name, what] : qrnmon::columns) {
-        const bool counts = what == counter || what == total || what == total_sum;
-        written.push_back(std::string(name) + (what == label   ? " label"
-                                               : what == clock ? " clock"
-                                               : counts        ? " counter"
-                                                               : " gauge"));
-    }
-    EXPECT_EQ(documented, written);
-}
-
-// --- Options -------------------------------------------------------------------------------------
 
 TEST_F(Mon, CreationTellsWhatIsWrongWithTheOptions)
 {
@@ -310,7 +256,6 @@ TEST_F(Mon, CreationTellsWhatIsWrongWithTheOptions)
         EXPECT_EQ(qrn_event_queue_create(&evq, nullptr, nullptr, attr), -1) << options;
         EXPECT_EQ(qrn_errnum(), number) << options;
         EXPECT_NE(std::string(qrn_errmsg()).find(part), std::string::npos) << qrn_errmsg();
-        EXPECT_NE(std::string(qrnmon_errmsg()).find(part), std::string::npos);
     }
 }
 
@@ -320,20 +265,11 @@ TEST_F(Mon, QueuesOfOneDestinationShareAController)
     for (const char *same :
          {"port=9;host=localhost", "  host=localhost\tport=9,", "port=1,port=9 host=localhost"})
         EXPECT_EQ(Controller(same).sctl, first.sctl) << same;
-    Controller by_default("");
-    Controller named("host=127.0.0.1 port=14390");
+    Controller by_default(""), named("host=127.0.0.1 port=14390");
     EXPECT_EQ(by_default.sctl, named.sctl);
     EXPECT_NE(by_default.sctl, first.sctl);
     EXPECT_EQ(samplers(), 2);
-    qrnmon_sctl_t *other = nullptr;
-    EXPECT_EQ(qrn_automon_sctl_create(&other, qrnmon_format_csv_module(), nullptr,
-                                      qrnmon_transport_qrnsnmp_module(), nullptr),
-              0);
-    EXPECT_NE(other, by_default.sctl);
-    qrn_automon_sctl_destroy();
 }
-
-// --- Life ----------------------------------------------------------------------------------------
 
 // Two queues, two destinations: the end of one leaves the other's controller.
 TEST_F(Mon, AControllerEndsWithItsLastQueue)
@@ -354,17 +290,11 @@ TEST_F(Mon, MisuseIsAnError)
 {
     Queue q;
     Controller by(in.options);
-    auto create = [](const qrnmon_format_func_t *format, const void *opts,
-                     const qrnmon_transport_func_t *transport) {
-        qrnmon_sctl_t *none = nullptr;
-        return qrn_automon_sctl_create(&none, format, opts, transport, nullptr);
-    };
-    EXPECT_EQ(create(nullptr, nullptr, qrnmon_transport_qrn_module()), -1);
-    EXPECT_EQ(create(qrnmon_format_csv_module(), "x", qrnmon_transport_qrn_module()), -1);
-    EXPECT_EQ(create(qrnmon_format_csv_module(), nullptr, nullptr), -1);
+    const auto *csv = qrnmon_format_csv_module();
+    qrnmon_sctl_t *none = nullptr;
+    EXPECT_EQ(qrn_automon_sctl_create(&none, csv, nullptr, nullptr, nullptr), -1);
     EXPECT_EQ(qrnmon_evq_monitor(by.sctl, nullptr, nullptr, 1), -1);
     EXPECT_EQ(qrnmon_evq_monitor(by.sctl, q, nullptr, 0), -1);
-    EXPECT_EQ(qrnmon_evq_monitor(nullptr, q, nullptr, 1), -1);
     EXPECT_EQ(qrnmon_errnum(), 1);
     EXPECT_EQ(qrnmon_evq_unmonitor(by.sctl, q), -1);
     EXPECT_EQ(qrnmon_evq_monitor(by.sctl, q, nullptr, 1), 0);
@@ -374,49 +304,28 @@ TEST_F(Mon, MisuseIsAnError)
     qrn_automon_sctl_destroy(); // the one of `by` is one too many
 }
 
-// No burst overruns the receiver.
-TEST_F(Mon, AHundredQueuesAreSampledEachSecond)
-{
-    std::vector<std::unique_ptr<Queue>> queues;
-    for (int i = 0; i < 100; ++i)
-        queues.push_back(std::make_unique<Queue>("count svc age monitor=1 topts=" + in.options));
-    std::map<std::string, int> last;
-    for (int received = 0; received < 200; ++received) {
-        fields row = in.row();
-        EXPECT_EQ(row["seq"], std::to_string(++last[row["queue_id"]])) << row["queue_id"];
-    }
-    EXPECT_EQ(last.size(), 100U);
-}
-
-std::latch *entered, *go_on;
+std::binary_semaphore entered(0), go_on(0);
 std::atomic<bool> left_queue;
 
 // The sampler is held inside the queue; stopping waits until it has left.
 TEST_F(Mon, StoppingWaitsForASampleInProgress)
 {
-    std::latch inside(1), leave(1);
-    entered = &inside;
-    go_on = &leave;
-    left_queue = false;
     Queue q;
-    Controller by(in.options);
-    kfx_set_log_sink([](int, const char *line) {
-        if (std::string(line).starts_with("[qrn_event_queue_retrieve_stats]")) {
-            entered->count_down();
-            go_on->wait();
-            left_queue = true;
-        }
+    kfx_set_log_sink([](int, const char *) {
+        kfx::store(log_state.dmask, 0);
+        entered.release();
+        go_on.acquire();
+        left_queue = true;
     });
+    auto by = std::make_unique<Controller>(in.options, q);
     kfx::store(log_state.dmask, KFX_DBG_API);
-    EXPECT_EQ(qrnmon_evq_monitor(by.sctl, q, nullptr, 1000), 0);
-    inside.wait();
-    kfx::store(log_state.dmask, 0);
+    entered.acquire();
     auto stopped = std::async(std::launch::async, [&] {
-        EXPECT_EQ(qrnmon_evq_unmonitor(by.sctl, q), 0);
+        by.reset();
         EXPECT_TRUE(left_queue);
     });
     EXPECT_EQ(stopped.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
-    leave.count_down();
+    go_on.release();
     stopped.wait();
 }
 
@@ -425,18 +334,14 @@ TEST_F(Mon, QueuesComeAndGoWhileTheyAreSampled)
 {
     Receiver other;
     Queue sampled("monitor=1 topts=" + in.options);
-    auto churn = [&](int thread) {
-        for (int i = 0; i < 100; ++i) {
-            const Receiver &to = (thread + i) % 3 == 0 ? other : in;
-            Queue q("count monitor=1 topts=" + to.options);
-            post(q, 1);
-            if (i % 4 == 0)
-                std::this_thread::yield();
-        }
-    };
     std::vector<std::jthread> threads;
     for (int thread = 0; thread < 4; ++thread)
-        threads.emplace_back(churn, thread);
+        threads.emplace_back([&, thread] {
+            for (int i = 0; i < 100; ++i) {
+                Queue q("count monitor=1 topts=" + ((thread + i) % 3 == 0 ? other : in).options);
+                post(q, 1);
+            }
+        });
     threads.clear();
     sampled.end();
     EXPECT_EQ(samplers(), 0);
