@@ -3,9 +3,6 @@
 # What qrnfeed does from the outside. Each test below is run on its own.
 #
 # usage: tests/feed_test.sh TEST QRNFEED QRNGEN
-#
-# Fields in single quotes are awk's:
-# shellcheck disable=SC2016
 set -euo pipefail
 
 feed=$2 gen=$3
@@ -35,9 +32,8 @@ expect() {
 
 # The sum holds, and it says that so many lines were read.
 expect_sum() {
-    local terms sum
-    terms=$(sed -nE 's/^sum: delivered ([0-9]+) \+ purged ([0-9]+) \+ unmatched ([0-9]+) \+ malformed ([0-9]+) = ([0-9]+) sent \(([0-9]+) lines, ([0-9]+) further copies\)$/\1 \2 \3 \4 \5 \6 \7/p' out)
-    read -r -a sum <<<"$terms"
+    local sum
+    read -r -a sum <<<"$(grep -E '^sum: delivered .* lines, [0-9]+ further copies\)$' out | tr -cs 0-9 ' ')"
     [ ${#sum[@]} -eq 7 ] || fail "no sum that holds"
     expect "the sum" "${sum[4]}" $((sum[0] + sum[1] + sum[2] + sum[3]))
     expect "what was sent" "${sum[4]}" $((sum[5] + sum[6]))
@@ -53,85 +49,55 @@ wait_for() {
     done
 }
 
-# The lines of a generated sample for which an expression of awk's holds.
-count() {
-    awk -F '\t' "$1"' { n++ } END { print n + 0 }' sample
-}
-
-# That many messages reached the receiver of a topic.
-expect_receivers() {
-    local topic
-    for topic in "$@"; do
-        expect "$topic" "$(count "NF == 2 && \$1 ~ /^${topic//\*/.*}\$/")" "$(number "${topic//\*/\\*} +[0-9]+")"
-    done
-}
-
 test_refusals_are_one_line_and_status_2() {
-    local arguments message
+    local arguments message status
     exec 3< <(exec "$feed" --udp 127.0.0.1:0 --for 60 2>&1 >/dev/null)
     local holder=$!
     read -r _ _ _ taken <&3
     while IFS='|' read -r arguments message; do
-        local status=0
+        status=0
         # The arguments are words.
         # shellcheck disable=SC2086
         "$feed" $arguments >out 2>err </dev/null || status=$?
         expect "status of $arguments" 2 $status
-        expect "output of $arguments" "" "$(cat out)"
-        expect "message of $arguments" "qrnfeed: $message" "$(cat err)"
+        expect "message of $arguments" "qrnfeed: $message" "$(cat out err)"
     done <<END
 missing.tsv|cannot open 'missing.tsv': No such file or directory
 .|cannot read '.': Is a directory
 --unknown|unknown flag '--unknown' (see --help)
---batch=1|unknown flag '--batch=1' (see --help)
---udp|--udp: ADDRESS:PORT is missing
 --udp 127.0.0.1|--udp '127.0.0.1': expected ADDRESS:PORT
---udp 127.0.0.1:65536|--udp '127.0.0.1:65536': expected a port from 0 to 65535
---udp 127.0.0.1:1x|--udp '127.0.0.1:1x': expected a port from 0 to 65535
 --udp $taken|--udp '$taken': Address already in use
 --udp 127.0.0.1:0 lines|--udp and the file 'lines': only one can be read
-one two|'two': a file is given already
 --dispatchers 0|--dispatchers '0': expected a number from 1 to 256
 --work 5us|--work '5us': expected a number from 0 to 10000000
---for -1|--for '-1': expected a number from 1 to 1000000
---receive=|--receive '': it is empty
 --receive a --receive a|--receive 'a': it is given twice
 --delete a@5|--delete 'a': no --receive has this topic
---receive a --delete a|--delete 'a': expected TOPIC@COUNT
---receive a --delete a@0|--delete 'a@0': expected a number from 1 to 4294967295
 --option queue_age_enabled|--option 'queue_age_enabled': expected NAME=VALUE
---option nothing=1|--option 'nothing=1': CoreApi-5688-301: option nothing unknown
 --option queue_age_enabled=2|--option 'queue_age_enabled=2': CoreApi-5688-351: optval must be 0 or 1
---option monitor_interval=1 --option monitor_transport_opts=port=0|no queue: automatic monitoring failed: transport options: port must be a number from 1 to 65535: '0'
 END
     kill -INT $holder
-    cat <&3 >/dev/null
 }
 
 test_file_replay_gives_each_line_to_its_receivers() {
     "$gen" --lines 20000 --seed 7 >sample
-    local threads
-    for threads in 1 2 4; do
-        run --dispatchers $threads --receive orders.new --match 'quotes.*' --match '*.alpha' sample
+    local how topic pattern
+    for how in '--dispatchers=1' '--dispatchers=4' '--batch'; do
+        run ${how/=/ } --receive orders.new --match 'quotes.*' --match '*.alpha' <sample
         expect_sum 20000
-        expect_receivers orders.new 'quotes.*' '*.alpha'
-        expect malformed "$(count 'NF != 2 || $1 == ""')" "$(number '[0-9]+ malformed')"
+        for topic in orders.new 'quotes.*' '*.alpha'; do
+            pattern=${topic//\*/[^$'\t']*}
+            expect "$topic" "$(grep -cE "^$pattern"$'\t[^\t]*$' sample)" "$(number "${topic//\*/\\*} +[0-9]+")"
+        done
     done
-    run --batch --dispatchers 2 --receive orders.new --match 'orders.*' <sample
-    expect_sum 20000
-    expect_receivers orders.new 'orders.*'
-    [ $(($(number 'bundles: [0-9]+') * 32)) -ge "$(number 'delivered [0-9]+')" ] ||
-        fail "bundles hold too much"
 }
 
 # The first callback is still busy when the last message is handed in.
 test_deletion_in_mid_stream_accounts_for_each_message() {
     for ((i = 0; i < 40; i++)); do printf 'doomed\t%d\nother\t%d\n' $i $i; done >lines
     local how deleted
-    for how in '' --batch; do
-        # An empty word is no argument.
+    for how in 2 '2 --batch'; do
         # shellcheck disable=SC2086
-        run $how --dispatchers 2 --receive doomed --receive other --work 20000 --delete doomed@20 lines
+        run --receive doomed --receive other --work 20000 --delete doomed@20 --dispatchers $how lines
         expect_sum 80
         expect unmatched 20 "$(number '[0-9]+ unmatched')"
         expect other 40 "$(number 'other +[0-9]+')"
@@ -139,44 +105,34 @@ test_deletion_in_mid_stream_accounts_for_each_message() {
         [[ $deleted =~ after\ 20\ messages:\ ([0-9]+)\ delivered,\ ([0-9]+)\ purged,\ ([0-9]+)\ taken ]]
         expect "what was handed" 20 $((BASH_REMATCH[1] + BASH_REMATCH[2] + BASH_REMATCH[3]))
         [ "${BASH_REMATCH[2]}" -gt 0 ] || fail "nothing was purged"
-        [[ $deleted =~ cancellation\ callback\ after\ [0-9]+\ us\ on\ (a|the)\ (dispatch|delet)ing\ thread$ ]] ||
-            fail "no cancellation callback"
+        [[ $deleted =~ cancellation\ callback\ after\ [0-9]+\ us\ on ]] || fail "no cancellation callback"
     done
-    run --receive doomed --delete doomed@5 --option queue_cancellation_callbacks_enabled=0 lines
-    grep -q '^deleted .*; no cancellation callback$' out || fail "an unwanted cancellation callback"
     run --receive doomed --delete doomed@41 lines
     grep -q "^not deleted: 'doomed' was handed 40 of 41 messages$" out || fail "an early deletion"
 }
 
 test_datagrams_hold_one_or_several_lines() {
     "$feed" --udp 127.0.0.1:0 --receive a --match '*.*' --for 60 >out 2>err &
-    local pid=$! port
     wait_for 'listening on 127.0.0.1:[0-9]+'
+    local port
     port=$(sed -nE 's/.*listening on .*:([0-9]+)$/\1/p' err)
     printf 'a\t1\na\t2\nbad\na\t3' >"/dev/udp/127.0.0.1/$port"
     "$gen" --lines 500 --udp "$port"
-    wait $pid || fail "status $?"
+    wait $! || fail "status $?"
     expect_sum $((504 - $(number '[0-9]+ datagrams dropped')))
     expect a 3 "$(number 'a +[0-9]+ delivered')"
 }
 
 # A bundle that is not full does not wait for more.
-test_a_stream_ends_by_signal_or_time() {
+test_a_stream_ends_by_signal() {
     mkfifo pipe
-    local how pid
-    for how in INT TERM time; do
-        rm -f err
-        "$feed" --batch --receive a --for "$([ $how = time ] && echo 2 || echo 60)" <pipe >out 2>err &
-        pid=$!
-        exec 4>pipe
-        printf 'a\t%d\n' {1..20} >&4
-        printf 'a\tunfinished' >&4
-        wait_for '^ *[0-9]+ s: +[1-9][0-9]* deliveries/s,'
-        [ $how = time ] || kill -$how $pid
-        wait $pid || fail "status $? after $how"
-        exec 4>&-
-        expect_sum 20
-    done
+    "$feed" --batch --receive a --for 60 <pipe >out 2>err &
+    exec 4>pipe
+    { printf 'a\t%d\n' {1..20} && printf 'a\tunfinished'; } >&4
+    wait_for '^ *[0-9]+ s: +[1-9][0-9]* deliveries/s,'
+    kill -INT $!
+    wait $! || fail "status $?"
+    expect_sum 20
 }
 
 test_broken_lines_are_counted_as_malformed() {
@@ -193,11 +149,6 @@ test_options_are_set_and_shown() {
     expect live 7 "$(grep -c ' yes$' out)"
     grep -qE '^queue_delay_warning +77 +0 +yes$' out || fail "no delay warning"
     grep -qE '^monitor_transport +qrnsnmp +qrn +no$' out || fail "no transport"
-    "$gen" --lines 500 >lines
-    run --option queue_enqueue_notification=1 --match 'orders.*' lines
-    # One for each message, and one for the unblock event of the dispatching thread.
-    expect notified $(($(number 'delivered [0-9]+') + 1)) \
-        "$(number '[0-9]+ enqueue notifications')"
 }
 
 "$1"
