@@ -101,46 +101,28 @@ TEST_F(CancelTest, CallbackWaitsForThoseInsideEventsOfTheObject)
             }
 }
 
+// Also when the callback, or another cancellation callback, throws.
 TEST_F(CancelTest, ObjectMayBeDeletedInsideItsOwnCallback)
 {
+    const auto throws = [](int, void *) { throw 1; };
     for (const kind &k : kinds)
-        for (bool throwing : {false, true}) {
-            Queue queue("cancel");
+        for (int way : {0, 1, 2}) {
+            Queue queue("cancel count");
             world.act = [&](int) {
                 cancel(world, k, {queue, on_cancel, first});
+                cancel(world, k, {queue, way == 1 ? throws : on_cancel, second});
                 cancel(world, k, {queue, on_cancel, second});
                 EXPECT_EQ(cancelled.take(), strings{});
-                return throwing ? throw 1 : 0;
+                return way == 2 ? throw 1 : 0;
             };
             ASSERT_EQ(world.enqueue(queue, k.type), 0);
-            EXPECT_EQ(dispatch(queue), throwing ? threw : 1);
-            EXPECT_EQ(cancelled.take(), (strings{"first 1", "second 1"}));
+            EXPECT_EQ(dispatch(queue), way == 0 ? 1 : threw);
+            strings expected(way == 1 ? 2 : 3, "second 1");
+            expected[0] = "first 1";
+            EXPECT_EQ(cancelled.take(), expected);
+            EXPECT_EQ(queue->thrd_tail.next, &queue->thrd_head);
+            EXPECT_EQ(counts_of(queue), counts{});
         }
-}
-
-// What is left of the event is settled, and the thread leaves the registry.
-TEST_F(CancelTest, CallbackMayThrow)
-{
-    Queue queue("cancel count");
-    const auto throws = [](int, void *) { throw 1; };
-    world.act = [&](int) {
-        cancel(world, kinds[0], {queue, throws, first});
-        return cancel(world, kinds[0], {queue, on_cancel, second});
-    };
-    ASSERT_EQ(world.enqueue(queue, MSG), 0);
-    EXPECT_EQ(dispatch(queue, QRN_EVQ_DISPATCH_BLOCK), threw);
-    EXPECT_EQ(cancelled.take(), strings{"second 1"});
-    EXPECT_EQ(queue->thrd_tail.next, &queue->thrd_head);
-    EXPECT_EQ(counts_of(queue), counts{});
-}
-
-TEST_F(CancelTest, QueueWithoutCancellationCallbacksIsReported)
-{
-    Queue queue;
-    for (const kind &k : kinds)
-        EXPECT_EQ(cancel(world, k, {queue, on_cancel, first}), 0);
-    EXPECT_EQ(cancelled.take(), strings(std::size(kinds), "first 0"));
-    EXPECT_EQ(checks.take(), strings(std::size(kinds), "cbinfo->event_queue->attr->q_cancel_cb"));
 }
 
 // The object of a cancel event is freed once, by the last thread inside an event of it: the leak

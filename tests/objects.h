@@ -23,9 +23,6 @@ inline constexpr int ticks_per_usec = 10;
 inline std::atomic<uint64_t> ticks = 1000; // the clock
 inline std::atomic<int> stamps = 0;        // how often it was read
 
-// Callbacks, descriptors, timer ids, consumed messages, in order: lines of what().
-inline journal done;
-
 } // namespace test
 
 extern "C" {
@@ -58,9 +55,7 @@ namespace test {
 
 enum : int { MSG = 1, TIMER, IO, SRC, REQ, UNBLOCK, IMSG, WRCV, CANCEL, CTX_SRC, CALLBACK, BUNDLE };
 
-inline constexpr auto has_msg = [](int t) {
-    return t == MSG || t == WRCV || t == REQ || t == IMSG;
-};
+inline constexpr auto is_msg = [](int t) { return t == MSG || t == WRCV || t == REQ || t == IMSG; };
 inline constexpr auto has_callback = [](int t) { return t != UNBLOCK && t != CANCEL; };
 // Whether a queue that is shut down declines it.
 inline constexpr auto is_declined = [](int t) { return has_callback(t) && t != CALLBACK; };
@@ -69,7 +64,6 @@ inline constexpr auto is_declined = [](int t) { return has_callback(t) && t != C
 struct figures {
     long now, tot;
     kfx_hrtime_ivl_t min, mean, max;
-    bool operator==(const figures &) const = default;
 };
 inline constexpr kfx_hrtime_ivl_t no_sample = ~kfx_hrtime_ivl_t{0};
 using Q = qrn_event_queue_t;
@@ -189,7 +183,7 @@ struct World {
                : type == WRCV    ? qrn_evq_enq_wrcv_msg(evq, &wrcv, new_msg())
                : type == CANCEL  ? qrn_evq_enq_cancel(evq, &ctx, new_block())
                : type == CTX_SRC
-                   ? qrn_evq_enq_ctx_src(evq, &ctx, 43, this, new_block(), reclaim, on<CTX_SRC>)
+                   ? qrn_evq_enq_ctx_src(evq, &ctx, 42, this, new_block(), reclaim, on<CTX_SRC>)
                : type == CALLBACK ? qrn_evq_enq_callback(evq, on_callback, on_discard, this)
                                   : qrn_evq_enq_msg_bundle(evq, new_bundle({MSG, MSG, WRCV}));
     }
@@ -203,7 +197,7 @@ struct World {
     // Releases the payload of an event that was not accepted.
     void drop(int type)
     {
-        if (has_msg(type))
+        if (is_msg(type))
             qrn_msg_delete(static_cast<qrn_msg_t *>(payload));
         else if (type == BUNDLE)
             qrn_event_bundle_delete(static_cast<qrn_event_bundle_t *>(payload));
@@ -219,14 +213,13 @@ struct World {
         void *const of = type == WRCV ? nullptr : object(type);
         strings lines;
         if (ran)
-            lines.push_back(type == TIMER      ? what(name, of, this)
-                            : type == IO       ? what(name, of, 7, readiness, this)
-                            : type == SRC      ? what(name, of, 42, payload, this)
-                            : type == CTX_SRC  ? what(name, of, 43, payload, this)
-                            : type == CALLBACK ? what(name, queue, this)
-                            : type == BUNDLE   ? what(name, payload, this)
-                                               : what(name, of, payload, this));
-        if (has_msg(type))
+            lines.push_back(type == TIMER                    ? what(name, of, this)
+                            : type == IO                     ? what(name, of, 7, readiness, this)
+                            : type == CALLBACK               ? what(name, queue, this)
+                            : type == SRC || type == CTX_SRC ? what(name, of, 42, payload, this)
+                            : type == BUNDLE                 ? what(name, payload, this)
+                                                             : what(name, of, payload, this));
+        if (is_msg(type))
             lines.push_back(what("consumed", payload));
         if (type == IO)
             lines.push_back(what("resume", &fdm, 7, readiness));
@@ -243,9 +236,9 @@ struct World {
     }
 
     void *new_block() { return payload = kfx::alloc<long>(); }
-    qrn_msg_t *new_msg(int type = QRN_MSG_TYPE_DATA)
+    qrn_msg_t *new_msg()
     {
-        qrn_msg_t *msg = qrn_msg_create(type, "topic", "x", 1, sequence++);
+        qrn_msg_t *msg = qrn_msg_create(QRN_MSG_TYPE_DATA, "topic", "x", 1, sequence++);
         qrn_msg_set_wqx_cr(
             msg, [](qrn_msg_t *m, void *) { done.note("consumed", m); }, nullptr);
         payload = msg;
@@ -291,12 +284,6 @@ struct World {
 class EventFixture : public Fixture {
 protected:
     World world;
-
-    void TearDown() override
-    {
-        done.take();
-        Fixture::TearDown();
-    }
 };
 
 } // namespace test

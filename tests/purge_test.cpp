@@ -10,11 +10,6 @@ using namespace test;
 
 namespace {
 
-int ignore_report(qrn_event_queue_t *, int, size_t, qrn_ulong_t, void *)
-{
-    return 0;
-}
-
 // Two objects of each kind; a bundle may hold messages of both.
 class PurgeTest : public EventFixture {
 protected:
@@ -24,7 +19,7 @@ protected:
     struct entry {
         int type;
         World *of;
-        bool key = true;                 // the timer's id, or the readiness, is what purges are for
+        bool key;                        // the timer's id, or the readiness, is what purges are for
         long data[2] = {}, wild[2] = {}; // of a bundle, by world
         strings lines{};                 // the journal of its delivery
 
@@ -35,23 +30,20 @@ protected:
     void add(qrn_event_queue_t *evq, std::mt19937 &random)
     {
         World &w = worlds[random() % 2];
-        entry e{static_cast<int>(random() % BUNDLE) + 1, &w};
+        const int type = static_cast<int>(random() % BUNDLE) + 1;
         w.id = 37 + static_cast<int>(random() % 2);
         w.readiness = random() % 4 + 1;
-        e.key = e.type == TIMER ? w.id == 37 : e.type != IO || (w.readiness & 2) != 0;
-        if (e.type != BUNDLE) {
-            EXPECT_EQ(w.enqueue(evq, e.type), 0);
-        } else {
-            qrn_event_bundle_t *bundle = w.new_bundle({});
-            for (auto n = random() % 6 + 1; n > 0; --n) {
-                const auto wild = random() % 2, of = random() % 2;
-                worlds[of].add(bundle, wild ? WRCV : MSG);
-                ++(wild ? e.wild : e.data)[of];
-            }
-            w.payload = bundle;
-            EXPECT_EQ(qrn_evq_enq_msg_bundle(evq, bundle), 0);
+        entry e{type, &w, type == TIMER ? w.id == 37 : type != IO || (w.readiness & 2) != 0};
+        qrn_event_bundle_t *bundle = type == BUNDLE ? w.new_bundle({}) : nullptr;
+        for (auto n = bundle == nullptr ? 0 : random() % 6 + 1; n > 0; --n) {
+            const auto wild = random() % 2, of = random() % 2;
+            worlds[of].add(bundle, wild ? WRCV : MSG);
+            ++(wild ? e.wild : e.data)[of];
         }
-        e.lines = w.delivered(e.type, has_callback(e.type));
+        EXPECT_EQ(bundle == nullptr ? w.enqueue(evq, type) : qrn_evq_enq_msg_bundle(evq, bundle),
+                  0);
+        w.payload = bundle == nullptr ? w.payload : bundle;
+        e.lines = w.delivered(type, has_callback(type));
         model.push_back(e);
     }
     // Gives the journal of it: resumed descriptors, and no message that is consumed.
@@ -68,12 +60,19 @@ protected:
         });
         return lines;
     }
-    void dispatch_first(qrn_event_queue_t *evq)
+    void expect_figures(Queue &queue, bool counted, bool sized)
     {
-        done.take();
-        EXPECT_EQ(qrn_event_dispatch(evq, 0), 1);
-        EXPECT_EQ(done.take(), model.front().lines);
-        model.pop_front();
+        counts expected{};
+        long size = 0;
+        for (const entry &e : model) {
+            const bool bundle = e.type == BUNDLE;
+            expected[static_cast<size_t>(bundle ? MSG : e.type)] +=
+                bundle ? e.data[0] + e.data[1] : 1;
+            expected[WRCV] += e.wild[0] + e.wild[1];
+            size += e.size();
+        }
+        EXPECT_EQ(counts_of(queue), counted ? expected : counts{});
+        EXPECT_EQ(queue->qsz, sized ? size : 0);
     }
 };
 
@@ -83,9 +82,9 @@ TEST_F(PurgeTest, RandomQueuesKeepExactlyWhatRefersToOtherObjects)
         SCOPED_TRACE(seed);
         std::mt19937 random(seed);
         const bool counted = seed % 3 != 0, sized = seed % 5 != 0;
-        Queue queue(text("size=1 count=%d", counted), sized ? ignore_report : nullptr);
-        for (int round = 0; round < 6; ++round) {
-            for (auto n = random() % 20; n > 0; --n)
+        Queue queue(text("size=1 count=%d age=%d", counted, sized));
+        for (int round = 0; round < 6 || !model.empty(); ++round) {
+            for (auto n = round < 6 ? random() % 20 : 0; n > 0; --n)
                 add(queue, random);
             const kind &k = kinds[random() % std::size(kinds)];
             World &w = worlds[random() % 2];
@@ -93,23 +92,14 @@ TEST_F(PurgeTest, RandomQueuesKeepExactlyWhatRefersToOtherObjects)
             done.take();
             EXPECT_EQ(k.purge(queue, w.object(k.type)), 0);
             EXPECT_EQ(done.take(), lines);
-            counts expected{};
-            long size = 0;
-            for (const entry &e : model) {
-                expected[static_cast<size_t>(e.type == BUNDLE ? MSG : e.type)] +=
-                    e.type == BUNDLE ? e.data[0] + e.data[1] : 1;
-                expected[WRCV] += e.wild[0] + e.wild[1];
-                size += e.size();
+            expect_figures(queue, counted, sized);
+            for (auto n = random() % 4; n > 0 && !model.empty(); --n) {
+                EXPECT_EQ(dispatch(queue), 1);
+                EXPECT_EQ(done.take(), model.front().lines);
+                model.pop_front();
             }
-            EXPECT_EQ(counts_of(queue), counted ? expected : counts{});
-            EXPECT_EQ(queue->qsz, sized ? size : 0);
-            for (auto n = random() % 4; n > 0 && !model.empty(); --n)
-                dispatch_first(queue);
         }
-        while (!model.empty())
-            dispatch_first(queue);
-        EXPECT_EQ(first_event(queue), nullptr);
-        EXPECT_EQ(queue->qsz, 0);
+        EXPECT_EQ(dispatch(queue), 0);
         EXPECT_EQ(qrn_msg_live(), 0);
     }
 }

@@ -9,43 +9,36 @@ using namespace test;
 
 namespace {
 
-class StatsTest : public EventFixture {};
+using StatsTest = EventFixture;
 
 // The queue's own block has the fields in the order of a snapshot: groups of a current count, a total, a
 // minimum, a mean and a maximum, but unblock events have no times.
 TEST_F(StatsTest, SnapshotConvertsAndSumsResetKeepsWhatIsQueued)
 {
-    constexpr size_t fields = sizeof(qrn_event_queue_stats_t) / sizeof(qrn_ulong_t);
-    static_assert(fields == 57);
-    constexpr size_t unblock = 35, events = 47;
+    constexpr size_t fields = 57, unblock = 35, events = 47;
     using block = std::array<qrn_ulong_t, fields>;
+    static_assert(sizeof(block) == sizeof(qrn_event_queue_stats_t));
     Queue queue;
-    void *const figures_of_queue = &queue->data_msgs;
+    auto &own = reinterpret_cast<block &>(queue->data_msgs);
     for (bool sampled : {false, true}) {
-        block own, shown, reset, seen;
+        block shown, reset;
         qrn_ulong_t sum[2] = {};
         for (size_t i = 0; i < fields; ++i) {
             const size_t place = (i < unblock + 2 ? i : i - 2) % 5;
-            own[i] = place >= 2                       ? (i + 1) * 101
-                     : i == events || i == events + 1 ? 0
-                                                      : i + (1UL << 40);
-            if (place == 2 && !sampled)
-                own[i] = no_sample;
-            shown[i] = place < 2 || own[i] == no_sample ? own[i] : own[i] / ticks_per_usec;
+            const bool is_sum = i == events || i == events + 1, none = place == 2 && !sampled;
+            own[i] = none ? no_sample : is_sum ? 0 : (i + 1) * 1'000'001;
+            shown[i] = place < 2 || none ? own[i] : own[i] / ticks_per_usec;
             reset[i] = place == 0 ? own[i] : place == 2 ? no_sample : 0;
             if (place < 2)
                 sum[place] += own[i];
         }
         shown[events] = sum[0];
         shown[events + 1] = sum[1];
-        std::memcpy(figures_of_queue, own.data(), sizeof own);
         qrn_event_queue_stats_t stats;
         EXPECT_EQ(qrn_event_queue_retrieve_stats(queue, &stats), 0);
-        std::memcpy(seen.data(), &stats, sizeof stats);
-        EXPECT_EQ(seen, shown);
+        EXPECT_EQ(reinterpret_cast<block &>(stats), shown);
         EXPECT_EQ(qrn_event_queue_reset_stats(queue), 0);
-        std::memcpy(seen.data(), figures_of_queue, sizeof seen);
-        EXPECT_EQ(seen, reset);
+        EXPECT_EQ(own, reset);
     }
 }
 

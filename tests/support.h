@@ -5,6 +5,7 @@
 #ifndef QRN_TESTS_SUPPORT_H
 #define QRN_TESTS_SUPPORT_H
 
+#include <map>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -64,6 +65,8 @@ private:
 
 inline journal logged; // traces as they are, other lines behind their level
 inline journal checks; // failed checks that are not fatal
+// Callbacks, descriptors, timer ids, consumed messages, in order: lines of what().
+inline journal done;
 
 // The fatal check that `call` fails, which a test throws since the code behind it relies on it.
 template <class Call>
@@ -96,12 +99,13 @@ protected:
         kfx_set_fail_assert_handler(nullptr);
         kfx_set_log_sink(nullptr);
         logged.take();
+        done.take();
         EXPECT_EQ(checks.take(), strings{});
         EXPECT_EQ(qrn_msg_live(), 0);
     }
 };
 
-inline constexpr const char *option_names[][2] = {
+inline const std::map<std::string, const char *> option_names = {
     {"count", "queue_count_enabled"},    {"svc", "queue_service_time_enabled"},
     {"age", "queue_age_enabled"},        {"notify", "queue_enqueue_notification"},
     {"size", "queue_size_warning"},      {"delay", "queue_delay_warning"},
@@ -119,11 +123,8 @@ void set_options(Object *on, int (*set)(Object *, const char *name, const char *
     std::istringstream words(line);
     for (std::string word; words >> word;) {
         const size_t eq = word.find('=');
-        for (auto &[shorthand, name] : option_names) {
-            if (word.substr(0, eq) != shorthand)
-                continue;
-            EXPECT_EQ(set(on, name, eq == word.npos ? "1" : word.c_str() + eq + 1), 0) << word;
-        }
+        const char *value = eq == word.npos ? "1" : word.c_str() + eq + 1;
+        EXPECT_EQ(set(on, option_names.at(word.substr(0, eq)), value), 0) << word;
     }
 }
 
