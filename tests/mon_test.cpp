@@ -2,7 +2,6 @@
 //
 // The monitoring layer, received on a real socket: what records hold, how long controllers live,
 // and that a queue is left alone once its monitoring has stopped.
-#include <algorithm>
 #include <arpa/inet.h>
 #include <clocale>
 #include <filesystem>
@@ -23,6 +22,7 @@
 #include "support.h"
 
 using namespace test;
+using qrnmon::columns;
 namespace fs = std::filesystem;
 
 // Seconds that a test puts the monotonic clock forward.
@@ -37,29 +37,20 @@ extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept
 
 namespace {
 
-using fields = std::map<std::string, std::string>;
-
-// The fields of a line, by the names of the columns, with quotes undone.
-fields split(const std::string &line)
+// Some fields of a line, by the names of their columns, with quotes undone, as "a|b|".
+std::string fields(const std::string &line, const std::string &names)
 {
     static const std::regex field("(?:\"((?:[^\"]|\"\")*)\"|([^,\"]*))[,\n]"), quotes("\"\"");
+    std::map<std::string, std::string> values;
     std::sregex_iterator next(line.begin(), line.end(), field), end;
-    fields out;
-    for (auto column = qrnmon::columns.begin(); next != end; ++next)
-        if (column != qrnmon::columns.end())
-            out[std::string((column++)->name)] =
-                std::regex_replace(next->str(1) + next->str(2), quotes, "\"");
-    EXPECT_EQ(out.size(), qrnmon::columns.size()) << line;
-    return out;
-}
-
-// The values of some columns, as "a|b|".
-std::string values(fields row, const std::string &columns)
-{
-    std::istringstream names(columns);
+    for (auto column = columns.begin(); column != columns.end() && next != end; ++next)
+        values[column++->name.data()] =
+            std::regex_replace(next->str(1) + next->str(2), quotes, "\"");
+    EXPECT_TRUE(values.size() == columns.size() && next == end) << line;
+    std::istringstream words(names);
     std::string out;
-    for (std::string name; names >> name;)
-        out += row[name] + "|";
+    for (std::string name; words >> name;)
+        out += values[name] + "|";
     return out;
 }
 
@@ -79,17 +70,14 @@ public:
     ~Receiver() { close(fd_); }
     Receiver(const Receiver &) = delete;
 
-    // The next record, headers passed over and counted; empty when none comes, or none is there.
-    fields row(int flags = 0)
+    // Fields of the next record, headers passed over and counted; empty when none comes, or none is
+    // there.
+    std::string row(const std::string &names, int flags = 0)
     {
         char bytes[65536];
-        ssize_t size = 0;
-        while ((size = recv(fd_, bytes, sizeof bytes, flags)) > 0) {
-            fields line = split({bytes, static_cast<size_t>(size)});
-            if (line["schema"] != "schema")
-                return line;
-            headers += line["callback_events_svc_max"] == "callback_events_svc_max";
-        }
+        for (ssize_t size; (size = recv(fd_, bytes, sizeof bytes, flags)) > 0; ++headers)
+            if (const std::string line(bytes, static_cast<size_t>(size)); line[0] != 's')
+                return fields(line, names);
         return {};
     }
 
@@ -156,27 +144,24 @@ TEST_F(Mon, ARecordHoldsTheFiguresOfTheQueue)
     post(q, 4);
     EXPECT_EQ(qrn_event_dispatch(q, QRN_EVQ_DISPATCH_POLL), 1);
     Controller by(in.options, q, "an app, \"quoted\"");
-    fields row = in.row();
-    EXPECT_EQ(in.headers, 1);
-    EXPECT_EQ(values(row, "schema seq interval_s app queue depth warning callback_events "
-                          "callback_events_tot events events_tot data_msgs data_msgs_tot "
-                          "data_msgs_svc_min data_msgs_svc_mean data_msgs_svc_max pid"),
+    EXPECT_EQ(in.row("schema seq interval_s app queue depth warning callback_events "
+                     "callback_events_tot events events_tot data_msgs data_msgs_tot "
+                     "data_msgs_svc_min data_msgs_svc_mean data_msgs_svc_max pid"),
               "1|1|1|an app, \"quoted\"|orders|3|1|3|4|3|4|0|0||||" + std::to_string(getpid()) +
                   "|");
-    for (const char *name : {"age_min", "age_mean", "age_max", "callback_events_svc_mean"})
-        EXPECT_FALSE(row[name].empty()) << name;
+    EXPECT_EQ(in.row("age_min age_mean age_max callback_events_svc_mean").find("||"),
+              std::string::npos);
+    EXPECT_EQ(in.headers, 1);
 }
 
 TEST_F(Mon, WhatAQueueDoesNotKeepIsAnEmptyField)
 {
-    for (const std::string options : {"", "svc", "age size=9", "count"}) {
+    for (const auto &[options, row] :
+         {std::pair("", "||||"), {"age size=9", "2||||"}, {"count", "2|2|2||"}}) {
         Queue q(options);
         post(q, 2);
         Controller by(in.options, q);
-        const char *count = options == "count" ? "2" : "";
-        EXPECT_EQ(
-            values(in.row(), "depth events events_tot age_min callback_events_svc_max app queue"),
-            text("%s|%s|%s|||||", options.size() < 4 ? "" : "2", count, count));
+        EXPECT_EQ(in.row("depth events events_tot age_min app"), row + std::string("|"));
     }
 }
 
@@ -185,13 +170,13 @@ TEST_F(Mon, TotalsGoOnAfterAResetAndTheHeaderComesAgain)
     Queue q("count");
     post(q, 5);
     Controller by(in.options, q);
-    EXPECT_EQ(in.row()["callback_events_tot"], "5");
+    EXPECT_EQ(in.row("callback_events_tot"), "5|");
     qrn_event_queue_reset_stats(q);
     post(q, 2);
-    EXPECT_EQ(values(in.row(), "callback_events_tot events_tot callback_events seq"), "7|7|7|2|");
+    EXPECT_EQ(in.row("callback_events_tot events_tot callback_events seq"), "7|7|7|2|");
     EXPECT_EQ(in.headers, 1);
     ahead = 10;
-    EXPECT_EQ(in.row()["seq"], "3");
+    EXPECT_EQ(in.row("seq"), "3|");
     EXPECT_EQ(in.headers, 2) << "for receivers that come late";
     ahead = 0;
 }
@@ -205,13 +190,11 @@ struct foreign : std::numpunct<char> {
 TEST_F(Mon, ARecordIsOneLineOfBoundedFieldsInAnyLocale)
 {
     const std::string accents = "\xc3\xa9", longest(126, 'x');
-    const std::pair<std::string, std::string> texts[] = {
-        {"", ""},
-        {"say, \"x\"", "\"say, \"\"x\"\"\""},
-        {" two\nlines\t", "\" two lines \""},
-        {longest + accents, longest + accents},
-        {longest + "x" + accents, longest + "x"},
-    };
+    const std::pair<std::string, std::string> texts[] = {{"", ""},
+                                                         {"say, \"x\"", "\"say, \"\"x\"\"\""},
+                                                         {" two\nlines\t", "\" two lines \""},
+                                                         {longest + accents, longest + accents},
+                                                         {longest + "x" + accents, longest + "x"}};
     qrnmon::sample sample{};
     sample.real = {1'700'000'000, 123'456'789};
     sample.mono = {1'000'000, 5000};
@@ -236,7 +219,7 @@ TEST_F(Mon, ARecordIsOneLineOfBoundedFieldsInAnyLocale)
     sample.stats.fill(sample.seq = sample.queue_id = sample.interval = sample.depth = ~0UL >> 1);
     const std::string most(qrnmon::csv_record(out, sample));
     EXPECT_LT(most.size(), qrnmon::max_record);
-    EXPECT_EQ(split(most)["app"], std::string(128, '"'));
+    EXPECT_EQ(fields(most, "app"), std::string(128, '"') + "|");
 }
 
 TEST_F(Mon, CreationTellsWhatIsWrongWithTheOptions)
@@ -245,9 +228,7 @@ TEST_F(Mon, CreationTellsWhatIsWrongWithTheOptions)
         {"port=1,x", 1, "expected host=NAME or port=NUMBER: 'x'"},
         {"host=", 1, "host is empty"},
         {"port", 1, "port must be a number from 1 to 65535: ''"},
-        {"port=0", 1, "from 1 to 65535: '0'"},
         {"port=65536", 1, "from 1 to 65535: '65536'"},
-        {"port=12x", 1, "from 1 to 65535: '12x'"},
         {"host=no.such.host.invalid", 4, "host 'no.such.host.invalid' does not resolve"},
     };
     for (auto &[options, number, part] : cases) {
@@ -275,24 +256,19 @@ TEST_F(Mon, QueuesOfOneDestinationShareAController)
 TEST_F(Mon, AControllerEndsWithItsLastQueue)
 {
     Receiver other;
-    Queue staying("monitor=1 topts=" + in.options);
-    {
-        Queue going("monitor=1 topts=" + other.options);
-        EXPECT_EQ(other.row()["seq"], "1");
-        EXPECT_EQ(samplers(), 2);
-    }
+    Queue staying("monitor=1 topts=" + in.options), going("monitor=1 topts=" + other.options);
+    EXPECT_EQ(samplers(), 2);
+    going.end();
     EXPECT_EQ(samplers(), 1);
-    EXPECT_EQ(in.row()["seq"], "1");
-    EXPECT_EQ(in.row()["seq"], "2");
+    EXPECT_EQ(in.row("seq"), "1|");
+    EXPECT_EQ(in.row("seq"), "2|");
 }
 
 TEST_F(Mon, MisuseIsAnError)
 {
     Queue q;
     Controller by(in.options);
-    const auto *csv = qrnmon_format_csv_module();
-    qrnmon_sctl_t *none = nullptr;
-    EXPECT_EQ(qrn_automon_sctl_create(&none, csv, nullptr, nullptr, nullptr), -1);
+    EXPECT_EQ(qrn_automon_sctl_create(&by.sctl, nullptr, nullptr, nullptr, nullptr), -1);
     EXPECT_EQ(qrnmon_evq_monitor(by.sctl, nullptr, nullptr, 1), -1);
     EXPECT_EQ(qrnmon_evq_monitor(by.sctl, q, nullptr, 0), -1);
     EXPECT_EQ(qrnmon_errnum(), 1);
@@ -301,7 +277,6 @@ TEST_F(Mon, MisuseIsAnError)
     EXPECT_EQ(qrnmon_evq_monitor(by.sctl, q, nullptr, 1), -1);
     EXPECT_EQ(qrnmon_errnum(), 4);
     EXPECT_EQ(qrnmon_evq_unmonitor(nullptr, q), 0);
-    qrn_automon_sctl_destroy(); // the one of `by` is one too many
 }
 
 std::binary_semaphore entered(0), go_on(0);
@@ -337,17 +312,15 @@ TEST_F(Mon, QueuesComeAndGoWhileTheyAreSampled)
     std::vector<std::jthread> threads;
     for (int thread = 0; thread < 4; ++thread)
         threads.emplace_back([&, thread] {
-            for (int i = 0; i < 100; ++i) {
-                Queue q("count monitor=1 topts=" + ((thread + i) % 3 == 0 ? other : in).options);
-                post(q, 1);
-            }
+            for (int i = 0; i < 100; ++i)
+                post(Queue("monitor=1 topts=" + ((thread + i) % 3 == 0 ? other : in).options), 1);
         });
     threads.clear();
     sampled.end();
     EXPECT_EQ(samplers(), 0);
     std::set<std::string> seen;
-    for (fields row; !(row = in.row(MSG_DONTWAIT)).empty();)
-        EXPECT_TRUE(seen.insert(row["queue_id"] + " " + row["seq"]).second) << row["seq"];
+    for (std::string row; !(row = in.row("queue_id seq", MSG_DONTWAIT)).empty();)
+        EXPECT_TRUE(seen.insert(row).second) << row;
 }
 
 } // namespace
