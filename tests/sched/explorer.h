@@ -33,6 +33,8 @@ void end();
 
 // A scheduling point.
 void point();
+// The number of the running thread; they are counted as they are added, the main thread is the last.
+unsigned self();
 // A number below `n`.
 unsigned choose(unsigned n);
 void check(bool ok, const char *what);
@@ -40,9 +42,13 @@ void check(bool ok, const char *what);
 void touch(const void *object);
 // Is asked when only a timer can move the threads on: true when a wake-up was lost, that is when
 // something to take lies there.
-void set_stranded(std::function<bool()> stranded);
+extern std::function<bool()> stranded;
 // Virtual time in nanoseconds.
-uint64_t now();
+extern int64_t now;
+constexpr int64_t second = 1'000'000'000;
+
+// Whether the thread sanitizer watches.
+extern const bool is_sanitized;
 
 // Of memory.cpp, for the scheduler: forgets every block; whether blocks are left.
 void forget_blocks();

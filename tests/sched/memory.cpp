@@ -4,40 +4,17 @@
 // with a pattern, never used twice within a schedule, and overwritten when they are freed. With a
 // sanitizer, which watches memory better, they come from the allocator.
 
-#include "explorer.h"
-
-#if defined(SCHED_ASAN) || defined(SCHED_TSAN)
-
-extern "C" void __real_free(void *block);
-extern "C" void __wrap_free(void *block)
-{
-    sched::point();
-    __real_free(block);
-}
-
-void sched::touch(const void *object)
-{
-    static_cast<void>(*static_cast<const volatile char *>(object));
-}
-
-void sched::forget_blocks() {}
-
-bool sched::blocks_left()
-{
-    return false;
-}
-
-#else
-
 #include <cstdlib>
 #include <cstring>
 
+#include "explorer.h"
+
 extern "C" {
 void *__real_malloc(size_t size);
-void *__real_calloc(size_t count, size_t size);
 void *__real_aligned_alloc(size_t alignment, size_t size);
 void __real_free(void *block);
 }
+
 namespace sched {
 
 namespace {
@@ -48,8 +25,7 @@ alignas(4096) unsigned char arena[granules * granule];
 
 enum state : unsigned char { unused, alive, freed };
 state states[granules];
-uint32_t sizes[granules]; // at a block's first granule, in granules
-size_t used = 0;          // granules
+size_t used = 0; // granules
 size_t blocks = 0;
 bool active = false;
 
@@ -57,70 +33,70 @@ size_t index_of(const void *p)
 {
     return (reinterpret_cast<uintptr_t>(p) - reinterpret_cast<uintptr_t>(arena)) / granule;
 }
-// Blocks lie a granule apart.
-void *obtain(size_t alignment, size_t size)
-{
-    const size_t step = alignment / granule;
-    const size_t first = (used + 1 + step - 1) / step * step;
-    const size_t count = (size + granule - 1) / granule;
-    check(first + count < granules, "out of memory");
-    used = first + count;
-    ++blocks;
-    sizes[first] = static_cast<uint32_t>(count);
-    std::memset(states + first, alive, count);
-    return std::memset(arena + first * granule, 0xA5, count * granule);
-}
+
 } // namespace
 
 void touch(const void *object)
 {
+    static_cast<void>(*static_cast<const volatile char *>(object)); // a sanitizer looks
     const size_t i = index_of(object);
     check(i >= granules || states[i] == alive, "freed memory is used");
 }
+
 void forget_blocks()
 {
     std::memset(states, unused, used);
-    std::memset(sizes, 0, used * sizeof *sizes);
     used = 0;
     blocks = 0;
-    active = true;
+    active = !is_sanitized;
 }
+
 bool blocks_left()
 {
     active = false;
     return blocks != 0;
 }
+
 } // namespace sched
 
 using namespace sched;
 
 extern "C" {
 
+// Blocks lie a granule apart.
+void *__wrap_aligned_alloc(size_t alignment, size_t size)
+{
+    if (!active)
+        return __real_aligned_alloc(alignment, size);
+    const size_t step = alignment / granule;
+    const size_t first = (used + 1 + step - 1) / step * step;
+    const size_t count = (size + granule - 1) / granule;
+    check(first + count < granules, "out of memory");
+    used = first + count;
+    ++blocks;
+    std::memset(states + first, alive, count);
+    return std::memset(arena + first * granule, 0xA5, count * granule);
+}
 void *__wrap_malloc(size_t size)
 {
-    return active ? obtain(granule, size) : __real_malloc(size);
+    return active ? __wrap_aligned_alloc(granule, size) : __real_malloc(size);
 }
 void *__wrap_calloc(size_t count, size_t size)
 {
-    return active ? std::memset(obtain(granule, count * size), 0, count * size)
-                  : __real_calloc(count, size);
-}
-void *__wrap_aligned_alloc(size_t alignment, size_t size)
-{
-    return active ? obtain(alignment, size) : __real_aligned_alloc(alignment, size);
+    return std::memset(__wrap_malloc(count * size), 0, count * size);
 }
 void __wrap_free(void *block)
 {
+    point();
     const size_t first = index_of(block);
     if (first >= granules)
         return __real_free(block);
-    point();
-    check(states[first] == alive && sizes[first] != 0, "what is freed is no block");
+    check(states[first] == alive && states[first - 1] != alive, "what is freed is no block");
     --blocks;
-    std::memset(states + first, freed, sizes[first]);
-    std::memset(block, 0xDD, sizes[first] * granule);
+    for (size_t i = first; states[i] == alive; ++i) {
+        states[i] = freed;
+        std::memset(arena + i * granule, 0xDD, granule);
+    }
 }
 
 } // extern "C"
-
-#endif

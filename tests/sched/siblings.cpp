@@ -5,10 +5,8 @@
 
 #include "explorer.h"
 
-#include "kfx.h"
 #include "kfxhrtime.h"
 #include "kfxlog.h"
-#include "qrnev.h"
 #include "qrnobj.h"
 
 int sched::suspended = 0;
@@ -19,18 +17,9 @@ void kfx_fail_assert(const char *expr, const char *, int, int)
 {
     sched::check(false, expr);
 }
-void kfx_logf(int, const char *fmt, ...)
-{
-    sched::check(false, fmt);
-}
 void kfx_hrtime_timestamp(kfx_hrtime_t *ts)
 {
-    ts->tsc_ticks = sched::now();
-}
-void kfx_hrtime_delta(const kfx_hrtime_t *start, const kfx_hrtime_t *end, kfx_hrtime_ivl_t *ivl)
-{
-    sched::check(start->tsc_ticks <= end->tsc_ticks, "a stamp is missing");
-    *ivl = end->tsc_ticks - start->tsc_ticks;
+    ts->tsc_ticks = static_cast<uint64_t>(sched::now);
 }
 void kfx_hrtime_delta_usec(const kfx_hrtime_ivl_t *ivl, qrn_ulong_t *usec)
 {
@@ -38,8 +27,7 @@ void kfx_hrtime_delta_usec(const kfx_hrtime_ivl_t *ivl, qrn_ulong_t *usec)
 }
 void kfx_current_tv(struct timeval *tv)
 {
-    *tv = {static_cast<time_t>(sched::now() / 1'000'000'000),
-           static_cast<suseconds_t>(sched::now() / 1000 % 1'000'000)};
+    *tv = {sched::now / sched::second, sched::now / 1000 % 1'000'000};
 }
 int qrn_fd_suspend(qrn_fd_t *, qrn_handle_t, qrn_ulong_t)
 {
@@ -62,10 +50,6 @@ int qrn_msg_clr_wqx_cr(qrn_msg_t *msg)
 {
     sched::check(msg->refs == 0, "a message is used after its release");
     return 0;
-}
-void *qrn_msg_retrieve_internal_field_ptr(qrn_msg_t *msg, int)
-{
-    return &msg->stamps;
 }
 
 } // extern "C"
