@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Everything at once: producers, dispatchers, a thread that purges and one that deletes objects. Each
+// Everything at once: producers, dispatchers, a thread that purges and one that deletes receivers. Each
 // event ends once, each dispatcher gets a producer's events in order, and nobody is inside an event
-// of an object whose cancellation callback was made.
+// of a receiver whose cancellation callback was made.
 #include <list>
 #include <random>
 #include <thread>
@@ -13,25 +13,17 @@ using namespace test;
 
 namespace {
 
-constexpr unsigned producers = 4, dispatchers = 4, each = 1200, deleted_kinds = 4;
-
-// What the first kinds of object are; each begins with its context.
-union any_object {
-    qrn_rcv_t rcv;
-    qrn_wildcard_rcv_t wrcv;
-    qrn_src_t src;
-    qrn_request_t req;
-};
+constexpr unsigned producers = 4, dispatchers = 4, each = 1200;
 
 struct Target {
-    any_object *object = kfx::alloc_zeroed<any_object>();
+    qrn_rcv_t *rcv = kfx::alloc_zeroed<qrn_rcv_t>();
     std::atomic<int> deleted = 0, gone = 0; // gone: calls of its cancellation callback
 };
 
 struct Item {
     int type = 0;
     unsigned producer = 0, number = 0;
-    Target *target = nullptr, *wildcard = nullptr; // the second in a bundle
+    Target *target = nullptr;
     std::atomic<int> delivered = 0, discarded = 0;
 };
 
@@ -42,85 +34,65 @@ int reach(Args... args)
 {
     const void *clientd = std::get<sizeof...(args) - 1>(std::tie(args...));
     Item &item = *static_cast<Item *>(const_cast<void *>(clientd));
-    const auto look = [&item] {
-        for (Target *target : {item.target, item.wildcard})
-            EXPECT_TRUE(target == nullptr || (target->gone == 0 && target->object->rcv.ctx));
-    };
-    look();
+    for (int look = 0; look < 2; ++look) {
+        EXPECT_TRUE(!item.target || (item.target->gone == 0 && item.target->rcv->ctx));
+        std::this_thread::yield();
+    }
     EXPECT_LE(std::exchange(next[item.producer], item.number + 1), item.number);
     ++item.delivered;
-    std::this_thread::yield();
-    look();
     return 0;
 }
-// All messages of a bundle stand for one item; what purges took out is not looked at.
+
+// Both messages of a bundle stand for one item and one receiver, so a purge takes out both or none.
 int reach_bundle(qrn_event_bundle_t *bundle, void *)
 {
-    Item seen;
-    for (int i = 0; i < bundle->num_events; ++i) {
-        const qrn_event_t &ev = bundle->events[i];
-        if (ev.ctx == nullptr)
-            continue;
-        Item &item = *static_cast<Item *>(ev.info.msg.clientd);
-        auto which = ev.type == MSG ? &Item::target : &Item::wildcard;
-        seen.*which = item.*which;
-        seen.producer = item.producer;
-        seen.number = item.number;
-        item.delivered += std::exchange(seen.type, BUNDLE) == 0;
-    }
-    return reach(&seen);
+    EXPECT_EQ(bundle->data_msgs, 2);
+    return reach(bundle->events[1].info.msg.clientd);
 }
 
 struct Producer : World {
-    std::mutex lock; // events of an object are made with it held, and the object is replaced
+    std::mutex lock; // events of a receiver are made with it held, and the receiver is replaced
     std::list<Target> targets;
-    Target *target[BUNDLE] = {};
     std::array<Item, each> items;
     std::atomic<unsigned> made = 0;
 
-    void renew(int kind)
+    Producer()
     {
-        target[kind] = &targets.emplace_back();
-        target[kind]->object->rcv.ctx = &ctx;
-        if (kind == REQ)
-            target[kind]->object->req.proc = reach;
+        ctx.rcv_delivery_batching_cb = reach_bundle;
+        req.proc = reach;
+        renew();
     }
-    qrn_event_bundle_t *bundle_for(Item &item)
+    Target *renew()
     {
-        qrn_event_bundle_t *bundle = new_bundle({MSG, WRCV, MSG});
-        for (int i = 0; i < 3; ++i) {
-            bundle->events[i].info.msg.rcv = &(i == 1 ? item.wildcard : item.target)->object->rcv;
-            bundle->events[i].info.msg.clientd = &item;
-        }
-        return bundle;
+        std::lock_guard guard(lock);
+        Target *old = targets.empty() ? nullptr : &targets.back();
+        targets.emplace_back().rcv->ctx = &ctx;
+        return old;
     }
+
     // The handle of an I/O event tells the item.
     int make(Q *q, Item &item)
     {
         std::lock_guard guard(lock);
-        item.target = target[item.type == BUNDLE ? MSG : item.type];
-        item.wildcard = item.type == BUNDLE ? target[WRCV] : nullptr;
-        any_object *object = item.target == nullptr ? nullptr : item.target->object;
-        const int handle = static_cast<int>(item.producer * each + item.number);
-        if (item.type == REQ)
-            object->req.clientd = &item;
+        const int type = item.type, handle = static_cast<int>(item.producer * each + item.number);
+        item.target = type == MSG || type == BUNDLE ? &targets.back() : nullptr;
+        qrn_rcv_t *of = targets.back().rcv;
+        qrn_event_bundle_t *bundle = type == BUNDLE ? new_bundle({MSG, MSG}) : nullptr;
+        for (int i = 0; bundle != nullptr && i < 2; ++i)
+            bundle->events[i].info.msg = {of, bundle->events[i].info.msg.msg, &item, nullptr};
+        req.clientd = &item;
         const auto ran = [](Q *, void *i) { reach(i); };
         const auto gone = [](Q *, void *i) { ++static_cast<Item *>(i)->discarded; };
-        return item.type == MSG
-                   ? qrn_evq_enq_msg_with_proc(q, &object->rcv, reach, new_msg(), &item)
-               : item.type == WRCV
-                   ? qrn_evq_enq_wrcv_msg_with_proc(q, &object->wrcv, reach, new_msg(), &item)
-               : item.type == TIMER ? qrn_evq_enq_timer(q, &ctx, 37, &item, reach, 0)
-               : item.type == IO    ? qrn_evq_enq_io(q, &ctx, handle, 1, &item, reach)
-               : item.type == SRC
-                   ? qrn_evq_enq_src(q, &object->src, 1, &item, new_block(), 1, reach)
-               : item.type == CTX_SRC
-                   ? qrn_evq_enq_ctx_src(q, &ctx, 1, &item, new_block(), 1, reach)
-               : item.type == IMSG     ? qrn_evq_enq_imsg(q, &ctx, new_msg(), &item, reach)
-               : item.type == CALLBACK ? qrn_evq_enq_callback(q, ran, gone, &item)
-               : item.type == BUNDLE   ? qrn_evq_enq_msg_bundle(q, bundle_for(item))
-               : item.type == REQ      ? qrn_evq_enq_req(q, &object->req, new_msg())
-                                       : enqueue(q, item.type);
+        return type == MSG       ? qrn_evq_enq_msg_with_proc(q, of, reach, new_msg(), &item)
+               : type == WRCV    ? qrn_evq_enq_wrcv_msg_with_proc(q, &wrcv, reach, new_msg(), &item)
+               : type == TIMER   ? qrn_evq_enq_timer(q, &ctx, 37, &item, reach, 0)
+               : type == IO      ? qrn_evq_enq_io(q, &ctx, handle, 1, &item, reach)
+               : type == SRC     ? qrn_evq_enq_src(q, &src, 1, &item, new_block(), 1, reach)
+               : type == CTX_SRC ? qrn_evq_enq_ctx_src(q, &ctx, 1, &item, new_block(), 1, reach)
+               : type == IMSG    ? qrn_evq_enq_imsg(q, &ctx, new_msg(), &item, reach)
+               : type == CALLBACK ? qrn_evq_enq_callback(q, ran, gone, &item)
+               : type == BUNDLE   ? qrn_evq_enq_msg_bundle(q, bundle)
+                                  : enqueue(q, type);
     }
 };
 
@@ -146,99 +118,79 @@ protected:
         }
         --working;
     }
-    void dispatch(unsigned seed)
+    void purge()
     {
-        for (std::minstd_rand random(seed); !stop;) {
-            const auto how = random() % 3; // milliseconds, or no deadline
-            processed += qrn_event_dispatch(queue, how == 2 ? QRN_EVQ_DISPATCH_BLOCK : how);
+        for (std::minstd_rand random(1); working > 0;) {
+            const auto p = static_cast<unsigned>(random() % producers),
+                       last = makers[p].made.load();
+            qrn_evq_purge_timer_all(&makers[p].ctx, 37);
+            qrn_evq_purge_ctx_src(queue, &makers[p].ctx);
+            for (unsigned n = last; n + 30 > last && n != 0; n -= std::min(n, 3U))
+                qrn_evq_purge_io(queue, &makers[p].ctx, static_cast<int>(p * each + n), 1);
         }
     }
-    void purge(std::minstd_rand &random)
+    void remove(Producer &p)
     {
-        const unsigned p = static_cast<unsigned>(random() % producers), last = makers[p].made;
-        qrn_evq_purge_timer_all(&makers[p].ctx, 37);
-        qrn_evq_purge_ctx_src(queue, &makers[p].ctx);
-        for (unsigned n = last; n + 30 > last && n != 0; n -= std::min(n, 3U))
-            qrn_evq_purge_io(queue, &makers[p].ctx, static_cast<int>(p * each + n), 1);
-    }
-    void remove(Producer &p, const kind &k)
-    {
-        Target *old = p.target[k.type];
-        {
-            std::lock_guard guard(p.lock);
-            p.renew(k.type);
-        }
+        Target *old = p.renew();
         old->deleted = 1;
         cancel_info info{queue, [](int, void *t) { ++static_cast<Target *>(t)->gone; }, old};
-        EXPECT_EQ(k.purge(queue, old->object), 0);
-        EXPECT_EQ(k.cancel(old->object, &info), 0);
-        EXPECT_EQ(qrn_evq_enq_cancel(queue, &p.ctx, old->object), 0);
+        EXPECT_EQ(qrn_evq_purge_rcv(queue, old->rcv), 0);
+        EXPECT_EQ(qrn_evq_cancel_cb_rcv(old->rcv, &info), 0);
+        EXPECT_EQ(qrn_evq_enq_cancel(queue, &p.ctx, old->rcv), 0);
         ++others;
     }
     void run(bool shutdown)
     {
         std::vector<std::jthread> threads, takers;
         for (unsigned d = 1; d <= dispatchers; ++d)
-            takers.emplace_back([this, d] { dispatch(d); });
+            takers.emplace_back([this, d] {
+                for (std::minstd_rand random(d); !stop;) {
+                    const auto how = random() % 3; // milliseconds, or no deadline
+                    processed += qrn_event_dispatch(queue, how == 2 ? QRN_EVQ_DISPATCH_BLOCK : how);
+                }
+            });
         for (unsigned p = 0; p < producers; ++p)
             threads.emplace_back([this, p] { produce(p); });
-        threads.emplace_back([this] {
-            for (std::minstd_rand random(1); working > 0;)
-                purge(random);
-        });
+        threads.emplace_back([this] { purge(); });
         for (std::minstd_rand random(2); working > 0; std::this_thread::yield())
-            remove(makers[random() % producers], kinds[random() % deleted_kinds]);
+            remove(makers[random() % producers]);
         threads.clear();
         EXPECT_EQ(shutdown ? qrn_event_queue_shutdown(queue) : 0, 0);
         stop = true;
         for (unsigned d = 0; d < dispatchers; ++d, ++others)
             EXPECT_EQ(qrn_event_dispatch_unblock(queue), 0);
     }
-    void drain()
-    {
-        for (int events = 1; events != 0; processed += events)
-            events = qrn_event_dispatch(queue, QRN_EVQ_DISPATCH_POLL);
-    }
-    // What was not delivered was purged, or discarded by the shutdown.
-    static void expect_end(const Item &item, int resumed, bool shutdown)
-    {
-        const int type = item.type;
-        const bool purged = type == TIMER || type == IO || type == CTX_SRC ||
-                            (item.target != nullptr && item.target->deleted &&
-                             (item.wildcard == nullptr || item.wildcard->deleted));
-        EXPECT_LE(item.delivered, 1);
-        EXPECT_TRUE(item.delivered || purged || shutdown || !has_callback(type)) << type;
-        EXPECT_EQ(item.discarded, type == CALLBACK && !item.delivered) << shutdown;
-        EXPECT_EQ(resumed, type == IO);
-    }
 };
 
+// What was not delivered was purged, or discarded by the shutdown.
 TEST_P(StressTest, EveryEventEndsOnceAndInOrder)
 {
     const bool shutdown = GetParam() % 3 == 0;
-    for (Producer &p : makers) {
-        p.ctx.rcv_delivery_batching_cb = reach_bundle;
-        for (unsigned k = 0; k < deleted_kinds; ++k)
-            p.renew(kinds[k].type);
-    }
     run(shutdown);
-    std::jthread([this] { drain(); }).join(); // on a thread that got nothing yet
+    std::jthread([this] { // a thread that got nothing yet
+        while (const int events = qrn_event_dispatch(queue, QRN_EVQ_DISPATCH_POLL))
+            processed += events;
+    })
+        .join();
     std::vector<int> resumed(producers * each);
-    for (const std::string &line : done.take()) {
-        unsigned handle;
-        if (std::sscanf(line.c_str(), "resume %*s %u", &handle) == 1)
+    for (const std::string &line : done.take())
+        if (unsigned handle; std::sscanf(line.c_str(), "resume %*s %u", &handle) == 1)
             ++resumed[handle];
-    }
     int delivered = others;
     for (Producer &p : makers) {
-        for (Item &item : p.items) {
-            expect_end(item, resumed[item.producer * each + item.number], shutdown);
-            delivered += has_callback(item.type) ? item.delivered.load() : 1;
+        for (Item &i : p.items) {
+            const bool purged = i.type == TIMER || i.type == IO || i.type == CTX_SRC ||
+                                (i.target != nullptr && i.target->deleted);
+            EXPECT_LE(i.delivered, 1);
+            EXPECT_TRUE(i.delivered || purged || shutdown || !has_callback(i.type)) << i.type;
+            EXPECT_EQ(i.discarded, i.type == CALLBACK && !i.delivered) << shutdown;
+            EXPECT_EQ(resumed[i.producer * each + i.number], i.type == IO);
+            delivered += has_callback(i.type) ? i.delivered.load() : 1;
         }
         for (Target &target : p.targets) {
             EXPECT_EQ(target.gone, target.deleted);
             if (!target.deleted)
-                std::free(target.object);
+                std::free(target.rcv);
         }
     }
     EXPECT_TRUE(shutdown || processed == delivered);
