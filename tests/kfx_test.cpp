@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The utility layer and the last error of a thread.
+// The utility layer, the last error of a thread, counted messages.
 #include <chrono>
 #include <thread>
 #include <vector>
@@ -82,25 +82,57 @@ TEST(HrTime, StampsNeverRunBackwardsAcrossThreads)
 // An interval of ours lies between one of the monotonic clock inside it and one around it.
 TEST(HrTime, IntervalsAgreeWithTheMonotonicClock)
 {
-    const auto now = [] {
-        const auto since = std::chrono::steady_clock::now().time_since_epoch();
-        return std::chrono::duration<double, std::micro>(since).count();
-    };
+    using std::chrono::steady_clock;
     for (int round = 0; round < 20; ++round) {
         kfx_hrtime_t start, end;
         kfx_hrtime_ivl_t ivl;
         qrn_ulong_t usec;
-        const double a = now();
+        const auto a = steady_clock::now();
         kfx_hrtime_timestamp(&start);
-        const double b = now();
-        while (now() - b < 3e3) {
-        }
-        const double c = now();
+        const auto b = steady_clock::now();
+        std::this_thread::sleep_for(std::chrono::milliseconds(3));
+        const auto c = steady_clock::now();
         kfx_hrtime_timestamp(&end);
+        const std::chrono::duration<double, std::micro> within = c - b,
+                                                        around = steady_clock::now() - a;
         kfx_hrtime_delta(&start, &end, &ivl);
         kfx_hrtime_delta_usec(&ivl, &usec);
-        EXPECT_GE(static_cast<double>(usec) + 1, (c - b) * 0.99995);
-        EXPECT_LE(static_cast<double>(usec), (now() - a) * 1.00005);
+        EXPECT_GE(static_cast<double>(usec) + 1, within.count() * 0.99995);
+        EXPECT_LE(static_cast<double>(usec), around.count() * 1.00005);
+    }
+}
+
+int consumed; // plain: letting go of a message must order its threads
+
+TEST(Message, KeepsWhatItIsMadeOfUntilItsLastReferenceAndReportsThatOnceUnlessDiscarded)
+{
+    for (size_t len = 0; len < 40; ++len) {
+        consumed = 0;
+        std::string topic(len, 't'), payload(len, '\0');
+        qrn_msg_t *msg =
+            qrn_msg_create(QRN_MSG_TYPE_DATA, topic.data(), payload.data(), payload.size(), 77);
+        topic = payload = "x";
+        EXPECT_EQ(qrn_msg_topic(msg), std::string(len, 't'));
+        size_t size = 99;
+        const auto *bytes = static_cast<const char *>(qrn_msg_payload(msg, &size));
+        EXPECT_EQ(std::string(bytes, size + 1), std::string(len + 1, '\0')) << "and a last NUL";
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(bytes) % alignof(std::max_align_t), 0u);
+        qrn_msg_set_wqx_cr(
+            msg, [](qrn_msg_t *, void *) { ++consumed; }, nullptr);
+        if (len % 2 != 0)
+            qrn_msg_clr_wqx_cr(msg);
+        std::vector<std::jthread> team;
+        for (int t = 0; t < 4; ++t)
+            team.emplace_back([msg = qrn_msg_retain(msg)] {
+                for (int i = 0; i < 2'000; ++i)
+                    qrn_msg_delete(qrn_msg_retain(msg));
+                EXPECT_EQ(consumed, 0);
+                qrn_msg_delete(msg);
+            });
+        EXPECT_EQ(qrn_msg_delete(msg), QRN_OK);
+        team.clear();
+        EXPECT_EQ(consumed, len % 2 == 0);
+        EXPECT_EQ(qrn_msg_live(), 0);
     }
 }
 

@@ -4,21 +4,18 @@
 #include <climits>
 #include <poll.h>
 #include <random>
-#include <thread>
 
 #include "qrntime.h"
 #include "support.h"
 
 namespace {
 
-std::mutex lock;
 std::vector<int> expired; // ids
 int enqueue_result;
 
 int record(qrn_event_queue_t *, qrn_context_t *, int id, void *, qrn_timer_cb_proc,
            qrn_ulong_t recurring)
 {
-    std::lock_guard guard(lock);
     EXPECT_EQ(recurring, 0u) << "else nobody tells when the expiry has ended";
     expired.push_back(id);
     return enqueue_result;
@@ -135,46 +132,6 @@ TEST_F(Timers, ThatDoNotExistAreRefused)
         EXPECT_EQ(qrn_timer_queue_of(timer, id), nullptr);
         EXPECT_FALSE(cancel(id) || end(id) != QRN_FAILURE);
     }
-}
-
-// Owners schedule and cancel, one thread expires, others end expiries as dispatching threads do.
-TEST_F(Timers, EveryIdComesBackUnderLoad)
-{
-    std::mutex feed; // keeps expiries and cancellations apart
-    std::atomic<int> left{2};
-    std::vector<std::jthread> team;
-    for (unsigned t = 0; t < 4; ++t)
-        team.emplace_back([&, t, random = std::mt19937(t)]() mutable {
-            for (int i = 0; t < 2 && i < 2'000; ++i) {
-                const int id = schedule(random() % 2, random() % 2);
-                std::this_thread::yield();
-                if ((std::lock_guard<std::mutex>(feed), qrn_timer_cancel(timer, id)) == QRN_OK)
-                    qrn_timer_release(timer, id, 0);
-            }
-            left -= t < 2;
-            for (std::vector<int> taken; t >= 2 && (left > 0 || !taken.empty());) {
-                taken = (std::lock_guard<std::mutex>(lock), std::exchange(expired, {}));
-                for (const int id : taken)
-                    EXPECT_EQ(end(id), QRN_OK);
-                std::this_thread::yield();
-            }
-        });
-    for (; left > 0; std::this_thread::yield()) {
-        std::lock_guard guard(feed);
-        qrn_timer_expire(timer, record);
-    }
-    team.clear();
-    for (const int id : expired)
-        EXPECT_EQ(end(id), QRN_OK);
-    // An owner may lose a one-shot timer's id to its next owner, whose timer it then stops.
-    for (int id = -1; (id = qrn_timer_next_id(timer, id + 1)) >= 0;)
-        EXPECT_TRUE(cancel(id));
-    EXPECT_EQ(timer->hp->numfreeidxs, timer->hp->maxnumidxs);
-    EXPECT_EQ(timer->in_limbo_ref_cnt, 0);
-    for (int i = 0; i < 5'000; ++i)
-        schedule(60'000);
-    for (int id = 0; id < 5'000; ++id) // each once, none wasted
-        ASSERT_TRUE(cancel(id)) << id;
 }
 
 } // namespace
