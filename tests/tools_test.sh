@@ -54,6 +54,8 @@ test_refusals_are_one_line_and_status_2() {
     exec 3< <(exec qrnfeed --udp 127.0.0.1:0 --for 60 2>&1 >/dev/null)
     local holder=$!
     read -r _ _ _ taken <&3
+    local monitored='--option monitor_interval=1 --option monitor_transport_opts'
+    local failed='no queue: automatic monitoring failed:'
     while IFS='|' read -r program arguments message; do
         status=0
         # The arguments are words.
@@ -64,17 +66,19 @@ test_refusals_are_one_line_and_status_2() {
         [[ $(cat err) == "$program: $message"* ]] || fail "$program $arguments: no '$message'"
     done <<END
 qrnfeed|missing.tsv|cannot open 'missing.tsv': No such file or directory
-qrnfeed|.|cannot read '.': Is a directory
 qrnfeed|--unknown|unknown flag '--unknown' (see --help)
 qrnfeed|--udp 127.0.0.1|--udp '127.0.0.1': expected ADDRESS:PORT
 qrnfeed|--udp $taken|--udp '$taken': Address already in use
 qrnfeed|--udp 127.0.0.1:0 lines|--udp and the file 'lines': only one can be read
 qrnfeed|--dispatchers 0|--dispatchers '0': expected a number from 1 to 256
-qrnfeed|--work 5us|--work '5us': expected a number from 0 to 10000000
 qrnfeed|--receive a --receive a|--receive 'a': it is given twice
 qrnfeed|--delete a@5|--delete 'a': no --receive has this topic
 qrnfeed|--option queue_age_enabled|--option 'queue_age_enabled': expected NAME=VALUE
 qrnfeed|--option queue_age_enabled=2|--option 'queue_age_enabled=2': CoreApi-5688-351: optval must be 0 or 1
+qrnfeed|$monitored=port=1,x|$failed transport options: expected host=NAME or port=NUMBER: 'x'
+qrnfeed|$monitored=host=|$failed transport options: host is empty
+qrnfeed|$monitored=port=65536|$failed transport options: port must be a number from 1 to 65535: '65536'
+qrnfeed|$monitored=host=no.such.host.invalid|$failed host 'no.such.host.invalid' does not resolve: 
 qrnmon|--port ${taken#*:}|cannot listen on 127.0.0.1 port ${taken#*:}: Address already in use
 qrnmon|--port 65536|--port must be a number from 0 to 65535: '65536'
 qrnmon|--listen no.such.host.invalid|'no.such.host.invalid' does not resolve: 
@@ -83,7 +87,6 @@ qrnmon|--port 0 --prom /proc/x|cannot write /proc/x:
 qrnmon|--plot x.jpg|--plot must name a .png file: 'x.jpg'
 qrnmon|--for -1|--for must be a number of seconds above 0: '-1'
 qrnmon|--sort x|--sort must be one of 
-qrnmon|--csv|a value is missing after '--csv'
 qrnmon|--nonsense|unknown option '--nonsense'
 END
     kill -INT $holder
