@@ -93,10 +93,15 @@ TEST(Cpp, APoolRunsEverythingOnceAndEndsWithTheFirstException)
         std::latch all(static_cast<std::ptrdiff_t>(seen.size()));
         qrn::dispatcher_pool pool(queue, threads);
         for (auto &slot : seen)
-            queue.post([&] { all.count_down(++slot); });
+            queue.post([&] {
+                ++slot;
+                all.count_down();
+            });
         all.wait();
         pool.stop();
         pool.join();
+        for (auto &slot : seen)
+            ASSERT_EQ(slot, 1);
         EXPECT_EQ(queue.poll(), 0) << "an unblock event was left behind";
     }
     qrn::event_queue queue;

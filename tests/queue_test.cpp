@@ -55,11 +55,9 @@ protected:
     numbers drain()
     {
         numbers out;
-        for (void *value = item(1);; out.push_back(number(value))) {
-            EXPECT_NE(qrn_tl_queue_dequeue(q, &value, 0), -1);
-            if (value == nullptr)
-                return out;
-        }
+        for (void *value; qrn_tl_queue_dequeue(q, &value, 0) == 0 && value != nullptr;)
+            out.push_back(number(value));
+        return out;
     }
 };
 
