@@ -47,14 +47,9 @@ extern std::function<bool()> stranded;
 extern int64_t now;
 constexpr int64_t second = 1'000'000'000;
 
-// Whether the thread sanitizer watches.
-extern const bool is_sanitized;
-
 // Of memory.cpp, for the scheduler: forgets every block; whether blocks are left.
 void forget_blocks();
 bool blocks_left();
-// Of siblings.cpp: suspensions of descriptors that last.
-extern int suspended;
 
 } // namespace sched
 
