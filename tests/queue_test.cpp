@@ -89,22 +89,6 @@ TEST_F(QueueTest, PassesTakeOutWhatMatchesAndKeepTheRestInOrder)
             }
 }
 
-TEST_F(QueueTest, BoundedWaitEndsAtItsDeadlineAndNotBefore)
-{
-    void *value = item(9);
-    timespec deadline, now;
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_sec += deadline.tv_nsec / 980'000'000;
-    deadline.tv_nsec = (deadline.tv_nsec + 20'000'000) % 1'000'000'000;
-    EXPECT_EQ(qrn_tl_queue_dequeue_timed(q, &value, nullptr, &deadline), -1);
-    EXPECT_EQ(value, nullptr);
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    EXPECT_GE(std::pair(now.tv_sec, now.tv_nsec), std::pair(deadline.tv_sec, deadline.tv_nsec));
-    put(1, 1);
-    EXPECT_EQ(qrn_tl_queue_dequeue_timed(q, &value, nullptr, &deadline), 0); // it is there
-    EXPECT_EQ(number(value), 1);
-}
-
 TEST(OrderedList, GivesLowPrioritiesFirstAndEqualOnesInOrder)
 {
     std::mt19937 random(1);
