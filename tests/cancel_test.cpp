@@ -126,7 +126,7 @@ TEST_F(CancelTest, ObjectMayBeDeletedInsideItsOwnCallback)
 }
 
 // The object of a cancel event is freed once, by the last thread inside an event of it: the leak
-// checker looks. A bundle may be for two objects that are deleted.
+// checker looks.
 TEST_F(CancelTest, CancelEventFreesTheObjectAfterItsLastUse)
 {
     for (int type : {MSG, WRCV, SRC, REQ, CTX_SRC, BUNDLE})
@@ -134,29 +134,20 @@ TEST_F(CancelTest, CancelEventFreesTheObjectAfterItsLastUse)
             SCOPED_TRACE(text("type %d, %d threads", type, threads));
             Queue queue("cancel count");
             Busy busy(queue, world);
-            std::vector<qrn_rcv_t *> objects(type == BUNDLE ? 2 : 1);
-            for (auto *&object : objects)
-                object = kfx::alloc_zeroed<qrn_rcv_t>(8);
-            for (int t = 0; t < threads; ++t) {
+            auto *object = kfx::alloc_zeroed<qrn_rcv_t>(8);
+            for (int t = 0; t < threads; ++t, busy.take()) {
                 ASSERT_EQ(world.enqueue(queue, type), 0);
                 qrn_event_t *ev = first_event(queue);
+                qrn_event_t *refers = type == BUNDLE ? &ev->info.msg_bundle->events[1] : ev;
                 if (type == CTX_SRC)
-                    ev->ctx = reinterpret_cast<qrn_context_t *>(objects[0]);
-                else if (type != BUNDLE)
-                    ev->info.msg.rcv = objects[0]; // it comes first in each of them
-                for (size_t i = 0; type == BUNDLE && i < 2; ++i)
-                    ev->info.msg_bundle->events[i].info.msg.rcv = objects[i];
-                busy.take();
+                    ev->ctx = reinterpret_cast<qrn_context_t *>(object);
+                else
+                    refers->info.msg.rcv = object; // it comes first in each of them
             }
-            for (auto *object : objects) {
-                ASSERT_EQ(qrn_evq_enq_cancel(queue, &world.ctx, object), 0);
-                EXPECT_EQ(dispatch(queue), 1);
-            }
-            for (int t = 0; t < threads; ++t) {
-                for (auto *object : objects)
-                    object->defunct = 1; // it is still there
-                busy.finish_one();
-            }
+            ASSERT_EQ(qrn_evq_enq_cancel(queue, &world.ctx, object), 0);
+            EXPECT_EQ(dispatch(queue), 1);
+            for (int t = 0; t < threads; ++t, busy.finish_one())
+                object->defunct = 1; // it is still there
             EXPECT_EQ(counts_of(queue), counts{});
         }
 }

@@ -45,10 +45,10 @@ TEST_F(DispatchTest, DeadlineCountsBetweenEventsOnceItHasPassed)
         return 0;
     };
     enqueue(queue, {CALLBACK, CALLBACK, CALLBACK, CALLBACK, CALLBACK});
-    EXPECT_EQ(dispatch(queue, QRN_EVQ_DISPATCH_POLL), 1);
+    EXPECT_EQ(dispatch(queue), 1);
     EXPECT_EQ(dispatch(queue, 1000), 3); // after two the deadline is now
-    EXPECT_EQ(dispatch(queue, QRN_EVQ_DISPATCH_POLL), 1);
-    EXPECT_EQ(dispatch(queue, QRN_EVQ_DISPATCH_POLL), 0);
+    EXPECT_EQ(dispatch(queue), 1);
+    EXPECT_EQ(dispatch(queue), 0);
 }
 
 TEST_F(DispatchTest, EachUnblockEndsOneDispatcher)
@@ -123,11 +123,14 @@ TEST_F(DispatchTest, WarningsTellOfSizeAndDelay)
 
 TEST_F(DispatchTest, UpdateRuleKeepsExtremesAndARunningMean)
 {
+    constexpr kfx_hrtime_ivl_t half = 1UL << 63;
     const std::vector<kfx_hrtime_ivl_t> rows[] = {
         // minimum, mean, maximum, samples
-        {100, 110, 200, 100, 200}, {5, 171, 200, 200, 100, 5}, // 190, then 171.5
-        {0, 51, 60, 0, 0, 50, 60},                             // a mean of 0 is replaced
-        {0, 8, 9, 9, 0},           {1UL << 63, 1UL << 63, 1UL << 63, 1UL << 63, 1UL << 63},
+        {100, 110, 200, 100, 200},  // nine parts of the old, one of the new
+        {5, 171, 200, 200, 100, 5}, // 190, then 171.5
+        {0, 51, 60, 0, 0, 50, 60},  // a mean of 0 is replaced
+        {0, 8, 9, 9, 0},
+        {half, half, half, half, half},
     };
     for (const auto &row : rows) {
         std::vector<kfx_hrtime_ivl_t> seen = row;

@@ -159,8 +159,7 @@ protected:
     record *attr = queue->attr;
 };
 
-INSTANTIATE_TEST_SUITE_P(each, options_test, testing::Bool(),
-                         [](const auto &p) { return p.param ? "live" : "record"; });
+INSTANTIATE_TEST_SUITE_P(record_and_live, options_test, testing::Bool());
 
 TEST_P(options_test, sizes_are_exact_and_buffers_hold_the_text)
 {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Purges: random queues against a model, and the registry of queues.
+// Random queues against a model: what purges leave, and figures that stay true while options are switched.
+// The registry of queues.
 #include <deque>
 #include <random>
 
@@ -9,6 +10,14 @@
 using namespace test;
 
 namespace {
+
+int reports; // enqueue notifications
+
+int on_report(qrn_event_queue_t *, int report, size_t sz, qrn_ulong_t delay, void *)
+{
+    reports += report == QRN_EVQ_MON_ENQUEUE_NOTIFICATION && sz == 1 && delay == 0;
+    return 0;
+}
 
 // Two objects of each kind; a bundle may hold messages of both.
 class PurgeTest : public EventFixture {
@@ -19,13 +28,23 @@ protected:
     struct entry {
         int type;
         World *of;
-        bool key;                        // the timer's id, or the readiness, is what purges are for
+        bool key; // the timer's id, or the readiness, is what purges are for
+        bool counted, sized, stamped;
         long data[2] = {}, wild[2] = {}; // of a bundle, by world
         strings lines{};                 // the journal of its delivery
 
         long size() const { return type == BUNDLE ? data[0] + data[1] + wild[0] + wild[1] : 1; }
+        void count_in(counts &out) const
+        {
+            if (type != BUNDLE)
+                return count(out, type, counted);
+            out[MSG] += counted * (data[0] + data[1]);
+            out[WRCV] += counted * (wild[0] + wild[1]);
+        }
     };
     std::deque<entry> model;
+    counts total{};
+    bool monitored, counting, sizing, delays, age, notify;
 
     void add(qrn_event_queue_t *evq, std::mt19937 &random)
     {
@@ -33,17 +52,22 @@ protected:
         const int type = static_cast<int>(random() % BUNDLE) + 1;
         w.id = 37 + static_cast<int>(random() % 2);
         w.readiness = random() % 4 + 1;
-        entry e{type, &w, type == TIMER ? w.id == 37 : type != IO || (w.readiness & 2) != 0};
+        const bool key = type == TIMER ? w.id == 37 : type != IO || (w.readiness & 2) != 0;
+        entry e{
+            type, &w, key, counting, sizing && (monitored || age), age || (delays && monitored)};
         qrn_event_bundle_t *bundle = type == BUNDLE ? w.new_bundle({}) : nullptr;
         for (auto n = bundle == nullptr ? 0 : random() % 6 + 1; n > 0; --n) {
             const auto wild = random() % 2, of = random() % 2;
             worlds[of].add(bundle, wild ? WRCV : MSG);
             ++(wild ? e.wild : e.data)[of];
         }
+        stamps = reports = 0;
         EXPECT_EQ(bundle == nullptr ? w.enqueue(evq, type) : qrn_evq_enq_msg_bundle(evq, bundle),
                   0);
+        EXPECT_TRUE(stamps == e.stamped && reports == (monitored && notify));
         w.payload = bundle == nullptr ? w.payload : bundle;
         e.lines = w.delivered(type, has_callback(type));
+        e.count_in(total);
         model.push_back(e);
     }
     // Gives the journal of it: resumed descriptors, and no message that is consumed.
@@ -60,31 +84,44 @@ protected:
         });
         return lines;
     }
-    void expect_figures(Queue &queue, bool counted, bool sized)
+    void dispatch_first(Queue &queue)
+    {
+        queue->age_min = no_sample;
+        EXPECT_EQ(dispatch(queue), 1);
+        EXPECT_EQ(queue->age_min != no_sample, age && model.front().stamped);
+        EXPECT_EQ(done.take(), model.front().lines);
+        model.pop_front();
+    }
+    void expect_figures(Queue &queue)
     {
         counts expected{};
         long size = 0;
         for (const entry &e : model) {
-            const bool bundle = e.type == BUNDLE;
-            expected[static_cast<size_t>(bundle ? MSG : e.type)] +=
-                bundle ? e.data[0] + e.data[1] : 1;
-            expected[WRCV] += e.wild[0] + e.wild[1];
-            size += e.size();
+            e.count_in(expected);
+            size += e.sized * e.size();
         }
-        EXPECT_EQ(counts_of(queue), counted ? expected : counts{});
-        EXPECT_EQ(queue->qsz, sized ? size : 0);
+        EXPECT_EQ(counts_of(queue), expected);
+        EXPECT_EQ(counts_of(queue, &figures::tot), total);
+        EXPECT_EQ(queue->qsz, size);
+        EXPECT_EQ(qrn_event_queue_size(queue), sizing ? size : -1);
     }
 };
 
+// Each event is taken out of the figures that it was put in, and of no others.
 TEST_F(PurgeTest, RandomQueuesKeepExactlyWhatRefersToOtherObjects)
 {
     for (unsigned seed = 1; seed <= 150; ++seed) {
         SCOPED_TRACE(seed);
         std::mt19937 random(seed);
-        const bool counted = seed % 3 != 0, sized = seed % 5 != 0;
-        Queue queue(text("size=1 count=%d age=%d", counted, sized));
-        for (int round = 0; round < 6 || !model.empty(); ++round) {
-            for (auto n = round < 6 ? random() % 20 : 0; n > 0; --n)
+        monitored = seed % 3 != 0;
+        total = {};
+        Queue queue("", monitored ? on_report : nullptr);
+        for (int round = 0; round < 8 || !model.empty(); ++round) {
+            for (bool *option : {&counting, &sizing, &delays, &age, &notify})
+                *option = random() % 2;
+            queue.set(text("count=%d size=%d delay=%d age=%d notify=%d", counting, sizing, delays,
+                           age, notify));
+            for (auto n = round < 8 ? random() % 20 : 0; n > 0; --n)
                 add(queue, random);
             const kind &k = kinds[random() % std::size(kinds)];
             World &w = worlds[random() % 2];
@@ -92,14 +129,12 @@ TEST_F(PurgeTest, RandomQueuesKeepExactlyWhatRefersToOtherObjects)
             done.take();
             EXPECT_EQ(k.purge(queue, w.object(k.type)), 0);
             EXPECT_EQ(done.take(), lines);
-            expect_figures(queue, counted, sized);
-            for (auto n = random() % 4; n > 0 && !model.empty(); --n) {
-                EXPECT_EQ(dispatch(queue), 1);
-                EXPECT_EQ(done.take(), model.front().lines);
-                model.pop_front();
-            }
+            expect_figures(queue);
+            for (auto n = random() % 4; n > 0 && !model.empty(); --n)
+                dispatch_first(queue);
         }
         EXPECT_EQ(dispatch(queue), 0);
+        expect_figures(queue);
         EXPECT_EQ(qrn_msg_live(), 0);
     }
 }
