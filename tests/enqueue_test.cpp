@@ -126,17 +126,26 @@ TEST_F(EnqueueTest, EveryTypeMeetsEveryFate)
                 expect_end(tracking, type, static_cast<fate>(end));
 }
 
+// A fatal check leaves the payload where it was.
 TEST_F(EnqueueTest, MissingArgumentsAreReported)
 {
     Queue queue; // without cancellation callbacks
     World &w = world;
     qrn_event_t ev{};
     cancel_info blank{queue, nullptr, nullptr};
-    const auto fails = [](const char *check, auto call) {
+    const auto fails = [](const std::string &check, auto call) {
         EXPECT_EQ(check_failed_by(call), check);
     };
     for (int type : {MSG, TIMER, IO, SRC, REQ, IMSG, WRCV, CANCEL, CTX_SRC, CALLBACK, BUNDLE}) {
         fails(type == CALLBACK ? "evq != NULL" : "evq!=NULL", [&] { w.enqueue(nullptr, type); });
+        w.drop(type);
+        ASSERT_EQ(w.enqueue(queue, type), 0);
+        auto &info = first_event(queue)->info;
+        std::memset(static_cast<void *>(&info), 0, sizeof info);
+        fails(type == BUNDLE   ? "bundle!=NULL"
+              : type == CANCEL ? "ev->info.cancel.obj!=NULL"
+                               : text("ev->info.%s.proc!=NULL", World::names[type]),
+              [&] { dispatch(queue); });
         w.drop(type);
     }
     for (const kind &k : kinds) {
