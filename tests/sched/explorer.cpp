@@ -307,19 +307,14 @@ int give(model &m)
     return 0;
 }
 
-int fail_with(int error)
-{
-    errno = error;
-    return -1;
-}
-
 // Waits for a semaphore; signals arrive now and then.
 int wait(void *sem, bool timed)
 {
     model &m = at_point(sem);
-    if (current != &main_thread && choose(64) == 0)
-        return fail_with(EINTR);
-    return take(m, timed) ? 0 : fail_with(ETIMEDOUT);
+    const bool interrupted = current != &main_thread && choose(64) == 0;
+    const bool taken = !interrupted && take(m, timed);
+    errno = interrupted ? EINTR : ETIMEDOUT;
+    return taken ? 0 : -1;
 }
 
 } // namespace
@@ -369,7 +364,9 @@ int __wrap_sem_clockwait(void *sem, clockid_t, const timespec *deadline)
 }
 int __wrap_sem_trywait(void *sem)
 {
-    return try_take(at_point(sem)) ? 0 : fail_with(EAGAIN);
+    const bool taken = try_take(at_point(sem));
+    errno = EAGAIN;
+    return taken ? 0 : -1;
 }
 int __wrap_sem_getvalue(void *sem, int *value)
 {
