@@ -8,6 +8,7 @@
 #include "qrn.h"
 
 #ifdef __cplusplus
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <type_traits>
@@ -77,9 +78,13 @@ template <class T>
 T *alloc_zeroed(size_t count = 1, place where = place::current())
 {
     static_assert(std::is_trivial_v<T> && std::is_standard_layout_v<T>);
-    void *block = std::calloc(count, sizeof(T));
+    constexpr bool over_aligned = alignof(T) > alignof(std::max_align_t);
+    void *block = over_aligned ? std::aligned_alloc(alignof(T), count * sizeof(T))
+                               : std::calloc(count, sizeof(T));
     if (block == nullptr) [[unlikely]]
         alloc_failed(count * sizeof(T), where);
+    if constexpr (over_aligned)
+        std::memset(block, 0, count * sizeof(T));
     return static_cast<T *>(block);
 }
 

@@ -72,24 +72,18 @@ void release_entries(const qrn_event_bundle_t *bundle)
     }
 }
 
+} // namespace
+
 void free_bundle(qrn_event_bundle_t *bundle)
 {
     std::free(bundle->events);
     std::free(bundle);
 }
 
-} // namespace
-
 void release_bundle(qrn_event_t *ev)
 {
     release_entries(ev->info.msg_bundle);
     ev->marks |= mark_released;
-}
-
-void free_released_bundle(const qrn_event_t *ev)
-{
-    if ((ev->marks & mark_released) != 0)
-        free_bundle(ev->info.msg_bundle);
 }
 
 } // namespace qrnev

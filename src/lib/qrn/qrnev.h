@@ -208,12 +208,14 @@ typedef struct qrn_evq_dispatch_thrd_node_t {
     struct qrn_evq_cancel_link_t_stct *more_cancels;
 } qrn_evq_dispatch_thrd_node_t;
 
+/* What is written for each event lies on other cache lines than what is only read. */
 struct qrn_event_queue_t_stct {
-    qrn_tl_queue_t *q;
-    long qsz;                   /* queued events, a bundle counting as its messages; atomic */
-    kfx_mutex_t cancel_cb_lock; /* guards the registry of dispatching threads and what hangs on it;
-                                   innermost, but for a cancellation callback that enqueues */
-    qrn_event_queue_monitor_proc monproc; /* this and `clientd` never change */
+    alignas(64) qrn_tl_queue_t *q;
+    alignas(64) long qsz; /* queued events, a bundle counting as its messages; atomic */
+    alignas(64) kfx_mutex_t cancel_cb_lock; /* guards the registry of dispatching threads and what
+                                               hangs on it; innermost, but for a cancellation
+                                               callback that enqueues */
+    alignas(64) qrn_event_queue_monitor_proc monproc; /* this and `clientd` never change */
     void *clientd;
     int shutdown;                           /* atomic; goes from 0 to 1 once */
     qrn_event_queue_attr_t *attr;           /* the queue's own copy */
@@ -222,7 +224,7 @@ struct qrn_event_queue_t_stct {
 
     /* Statistics: counts are atomic; times and ages are stored whole by the thread that measured
      * them, in ticks of kfx_hrtime_t. */
-    long data_msgs;
+    alignas(64) long data_msgs;
     long data_msgs_tot;
     kfx_hrtime_ivl_t data_msgs_svc_min;
     kfx_hrtime_ivl_t data_msgs_svc_mean;

@@ -73,7 +73,7 @@ void for_each_count(const qrn_event_t *ev, Change change)
 // Takes an event that leaves the queue off the current counts, if it stands in them.
 inline void count_out(queue *evq, const qrn_event_t *ev)
 {
-    if (was_counted(evq, ev))
+    if (was_counted(evq, ev)) [[unlikely]]
         for_each_count(ev, [evq](const group &g, long n) { kfx::sub(evq->*g.now, n); });
 }
 
@@ -88,7 +88,12 @@ void release_undelivered(qrn_msg_t *msg);
 // The same for what is left in the bundle of an event that was taken; and its end, once the thread is
 // done with the event: before, others may look into the bundle for the object of a cancellation.
 void release_bundle(qrn_event_t *ev);
-void free_released_bundle(const qrn_event_t *ev);
+void free_bundle(qrn_event_bundle_t *bundle);
+inline void free_released_bundle(const qrn_event_t *ev)
+{
+    if ((ev->marks & mark_released) != 0)
+        free_bundle(ev->info.msg_bundle);
+}
 
 } // namespace qrnev
 

@@ -46,7 +46,7 @@ public:
     explicit service_clock(const qrn_event_queue_t *evq)
         : runs_(kfx::load(evq->attr->q_svc_time) != 0)
     {
-        if (runs_)
+        if (runs_) [[unlikely]]
             kfx_hrtime_timestamp(&start_);
     }
 
@@ -64,18 +64,22 @@ public:
     service_guard(qrn_event_queue_t *evq, group_id id) : evq_(evq), id_(id), clock_(evq) {}
     ~service_guard()
     {
-        if (!clock_.runs())
-            return;
+        if (clock_.runs()) [[unlikely]]
+            measure();
+    }
+    service_guard(const service_guard &) = delete;
+    service_guard &operator=(const service_guard &) = delete;
+
+private:
+    [[gnu::noinline]] void measure() const
+    {
         kfx_hrtime_t end;
         kfx_hrtime_timestamp(&end);
         const triple &t = groups[id_].svc;
         qrn_evq_update_svc_time(&clock_.start(), &end, &(evq_->*t.min), &(evq_->*t.mean),
                                 &(evq_->*t.max));
     }
-    service_guard(const service_guard &) = delete;
-    service_guard &operator=(const service_guard &) = delete;
 
-private:
     qrn_event_queue_t *evq_;
     group_id id_;
     service_clock clock_;

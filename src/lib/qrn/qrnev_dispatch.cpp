@@ -147,11 +147,9 @@ private:
     qrn_event_t *ev_;
 };
 
-void age_and_warn(qrn_event_queue_t *evq, qrn_event_t *ev)
+// What the options of a queue ask for; apart from the loop, which is short without it.
+[[gnu::noinline]] void age_and_warn(qrn_event_queue_t *evq, qrn_event_t *ev, bool aged)
 {
-    bool aged = kfx::load(evq->attr->q_age) != 0;
-    if (!aged && evq->monproc == nullptr && !was_sized(ev, false))
-        return;
     undelivered_guard guard(evq, ev);
     kfx_hrtime_t taken;
     if (aged || evq->monproc != nullptr)
@@ -256,7 +254,8 @@ public:
             qrn_event_delete(ev);
             return;
         }
-        release_owned(ev, 0);
+        if (kind_of(ev->type).owns)
+            release_owned(ev, 0);
         put_record(ev);
     }
 
@@ -359,7 +358,9 @@ private:
         auto *ev = static_cast<qrn_event_t *>(value);
         settle_guard event(evq_, thread_.node(), ev);
         probe::take(evq_, ev, ev->type);
-        age_and_warn(evq_, ev);
+        bool aged = kfx::load(evq_->attr->q_age) != 0;
+        if (aged || evq_->monproc != nullptr || was_sized(ev, false))
+            age_and_warn(evq_, ev, aged);
         int result = deliver(evq_, ev);
         probe::delivered(evq_, ev, ev->type, result);
         failed_ = result == -1;

@@ -81,18 +81,25 @@ class [[nodiscard]] end_guard {
 public:
     explicit end_guard(kfx_mutex_t &lock) : lock_(lock)
     {
-        for (int i = 0; i < courtesies; ++i) {
-            if (pthread_mutex_trylock(&lock_) == 0)
-                return;
-            i == 0 ? relax() : static_cast<void>(sched_yield());
-        }
-        pthread_mutex_lock(&lock_);
+        if (courtesies == 0 || pthread_mutex_trylock(&lock_) != 0)
+            wait();
     }
     ~end_guard() { pthread_mutex_unlock(&lock_); }
     end_guard(const end_guard &) = delete;
     end_guard &operator=(const end_guard &) = delete;
 
 private:
+    // Not inlined, here and below: what is off the fast path.
+    [[gnu::noinline]] void wait()
+    {
+        for (int i = 1; i < courtesies; ++i) {
+            i == 1 ? relax() : static_cast<void>(sched_yield());
+            if (pthread_mutex_trylock(&lock_) == 0)
+                return;
+        }
+        pthread_mutex_lock(&lock_);
+    }
+
     kfx_mutex_t &lock_;
 };
 
@@ -375,7 +382,7 @@ void show_queued(qrn_tl_queue_t *q, int fd)
 }
 
 // Shows that the queue is empty, if it is. Under head_lock.
-void show_empty(qrn_tl_queue_t *q)
+[[gnu::noinline]] void show_empty(qrn_tl_queue_t *q)
 {
     kfx::lock_guard lock(q->fd_lock);
     if (q->fd_readable == 0 || after(q->head) != nullptr)
@@ -388,20 +395,21 @@ void show_empty(qrn_tl_queue_t *q)
 // After items were taken. Under head_lock.
 void update_fd(qrn_tl_queue_t *q)
 {
-    if (after(q->head) == nullptr && q->fd != -1)
+    if (q->fd != -1 && after(q->head) == nullptr)
         show_empty(q);
 }
 
 // --- Taking --------------------------------------------------------------------------------------
 
-// Brings the item of a node near, while another one is worked on.
+// Brings the item of a node near, while another one is worked on: three cache lines, over which a record
+// of an event may reach.
 void prefetch(const node *n)
 {
     if (n == nullptr)
         return;
     const auto *item = static_cast<const char *>(n->value);
-    __builtin_prefetch(item);
-    __builtin_prefetch(item + 64);
+    for (int at : {0, 64, 95})
+        __builtin_prefetch(item + at);
 }
 
 // What a taker does when it finds the queue empty: it comes back later, it goes on to wait, or it has
@@ -418,15 +426,10 @@ node *look_for_item(qrn_tl_queue_t *q)
     return first;
 }
 
-// The first item, or null; with its token accounted for. Under head_lock.
-node *find_first(qrn_tl_queue_t *q, taker who)
+// Goes on when the list was found empty: the flow has ended. An item that comes meanwhile, or null. Under
+// head_lock.
+[[gnu::noinline]] node *find_in_empty(qrn_tl_queue_t *q, taker who)
 {
-    node *first = after(q->head);
-    if (first != nullptr) {
-        if (who != taker::has_token)
-            owe_token(q);
-        return first;
-    }
     end_flow(q);
     if (who == taker::has_token) {
         // With nothing stale left, an appender had this token's credit before it was called in, and the
@@ -437,10 +440,20 @@ node *find_first(qrn_tl_queue_t *q, taker who)
     }
     settle_tokens(q);
     update_fd(q); // a pass that an exception cut short may have left it readable
-    if (who == taker::waits)
-        first = look_for_item(q);
+    node *first = who == taker::waits ? look_for_item(q) : nullptr;
     if (first != nullptr)
         ++q->owed; // settled when there is time: its append may not have come to the token yet
+    return first;
+}
+
+// The first item, or null; with its token accounted for. Under head_lock.
+node *find_first(qrn_tl_queue_t *q, taker who)
+{
+    node *first = after(q->head);
+    if (first == nullptr)
+        return find_in_empty(q, who);
+    if (who != taker::has_token)
+        owe_token(q);
     return first;
 }
 
@@ -467,14 +480,20 @@ int take_now(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cb
     return 0;
 }
 
-int take_waiting(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo,
-                 const struct timespec *deadline)
+[[gnu::noinline]] int take_after_wait(qrn_tl_queue_t *q, void **value,
+                                      qrn_tl_queue_dequeue_cb_info_t *cbinfo,
+                                      const struct timespec *deadline)
 {
-    if (take_first(q, value, cbinfo, taker::waits))
-        return 0;
     if (!try_token(q) && !wait_for_token(q, deadline))
         return -1;
     return take_first(q, value, cbinfo, taker::has_token) ? 0 : -1;
+}
+
+int take_waiting(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo,
+                 const struct timespec *deadline)
+{
+    return take_first(q, value, cbinfo, taker::waits) ? 0
+                                                      : take_after_wait(q, value, cbinfo, deadline);
 }
 
 // --- Passes --------------------------------------------------------------------------------------
@@ -522,7 +541,7 @@ public:
     }
 
 private:
-    static constexpr int distance = 8;
+    static constexpr int distance = 16;
 
     const node *ahead_;
     const node *last_;
