@@ -12,6 +12,9 @@
  * good to about 1e-5. Conversions that find the first pair older than 64 ms and then 1 s improve the
  * factor once each; from then on a conversion is one multiplication.
  *
+ * Wall clock: the deadline of a dispatch call is looked at before each event, so a thread reads the clock
+ * itself every 50 us at most and adds what the counter has advanced since.
+ *
  * The operations are weak: a program may put its own in their place at link time. */
 #include "kfxhrtime.h"
 
@@ -42,11 +45,18 @@ uint64_t clock_nsec(clockid_t clock)
 
 #if defined(__x86_64__)
 
-uint64_t read_counter()
+/* May be read ahead of loads that precede it. */
+uint64_t glance_at_counter()
 {
     uint32_t low, high;
-    asm volatile("lfence\n\trdtsc" : "=a"(low), "=d"(high) : : "memory");
+    asm volatile("rdtsc" : "=a"(low), "=d"(high));
     return static_cast<uint64_t>(high) << 32 | low;
+}
+
+uint64_t read_counter()
+{
+    asm volatile("lfence" : : : "memory");
+    return glance_at_counter();
 }
 
 bool counter_is_invariant()
@@ -77,6 +87,12 @@ bool counter_usable()
 uint64_t read_counter()
 {
     return clock_nsec(CLOCK_MONOTONIC);
+}
+
+/* There is none: whatever was read with it is old. */
+uint64_t glance_at_counter()
+{
+    return UINT64_MAX;
 }
 
 bool counter_usable()
@@ -114,8 +130,7 @@ reading read_both()
 struct clock_base {
     bool use_counter = counter_usable();
     reading first = read_both();
-    int64_t wall_offset_nsec = static_cast<int64_t>(clock_nsec(CLOCK_REALTIME)) -
-                               static_cast<int64_t>(clock_nsec(CLOCK_MONOTONIC));
+    uint64_t wall_offset_nsec = clock_nsec(CLOCK_REALTIME) - clock_nsec(CLOCK_MONOTONIC);
 };
 
 const clock_base &base()
@@ -166,6 +181,38 @@ uint64_t ticks_to_usec(uint64_t ticks)
     return static_cast<uint64_t>(static_cast<uint128>(ticks) * kfx::load(factor_) >> 64);
 }
 
+/* The wall clock as a thread has read it last, and the counter just after. */
+struct wall_reading {
+    uint64_t nsec;
+    uint64_t ticks;
+};
+constinit thread_local wall_reading last_reading_ = {}; /* older than any */
+
+/* How old a reading may become: about 50 us, in which the first factor is off by less than 1 ns. */
+constexpr uint64_t fresh_ticks = 1 << 17;
+
+/* A reading, which this thread may advance by the counter once there is a factor. */
+[[gnu::noinline]] uint64_t read_wall()
+{
+    const uint64_t nsec = clock_nsec(CLOCK_MONOTONIC);
+    const unsigned done = kfx::load(refinements_, std::memory_order_acquire);
+    if (done < refined && nsec - base().first.nsec >= refine_age_nsec[done])
+        refine();
+    const uint64_t wall = nsec + base().wall_offset_nsec;
+    if (base().use_counter && done != 0)
+        last_reading_ = {wall, read_counter()};
+    return wall;
+}
+
+uint64_t wall_nsec()
+{
+    const uint64_t passed = glance_at_counter() - last_reading_.ticks;
+    if (passed >= fresh_ticks) [[unlikely]]
+        return read_wall();
+    const auto nsec = static_cast<uint128>(passed * 1000) * kfx::load(factor_) >> 64;
+    return last_reading_.nsec + static_cast<uint64_t>(nsec);
+}
+
 } // namespace
 
 extern "C" {
@@ -188,10 +235,9 @@ extern "C" {
 
 [[gnu::weak]] void kfx_current_tv(struct timeval *tv)
 {
-    const int64_t usec =
-        (static_cast<int64_t>(clock_nsec(CLOCK_MONOTONIC)) + base().wall_offset_nsec) / 1000;
-    tv->tv_sec = usec / 1'000'000;
-    tv->tv_usec = usec % 1'000'000;
+    const uint64_t usec = wall_nsec() / 1000;
+    tv->tv_sec = static_cast<time_t>(usec / 1'000'000);
+    tv->tv_usec = static_cast<suseconds_t>(usec % 1'000'000);
 }
 
 } // extern "C"
