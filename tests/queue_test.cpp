@@ -4,7 +4,6 @@
 #include <numeric>
 #include <random>
 #include <set>
-#include <thread>
 
 #include "qrnqueue.h"
 #include "support.h"
@@ -25,7 +24,6 @@ long number(const void *value)
 
 // Takes out the items whose bit is set in the mask; notes those that are looked at, or removed.
 numbers passed;
-qrn_tl_queue_t *growing; // when set, another thread appends an item at the third
 int bit_cmp(const void *value, const void *mask)
 {
     return (*static_cast<const unsigned long *>(mask) >> number(value) & 1) == 0;
@@ -33,8 +31,6 @@ int bit_cmp(const void *value, const void *mask)
 int bit_rem(const void *value)
 {
     passed.push_back(number(value));
-    if (growing != nullptr && number(value) == 3)
-        std::thread([] { qrn_tl_queue_enqueue(growing, item(4)); }).join();
     return 0;
 }
 int bit_filter(const void *value, const void *mask, int *remove)
@@ -91,16 +87,6 @@ TEST_F(QueueTest, PassesTakeOutWhatMatchesAndKeepTheRestInOrder)
                 EXPECT_EQ(drain(), kept);
                 EXPECT_TRUE(qrn_tl_queue_is_empty(q));
             }
-}
-
-TEST_F(QueueTest, PassesDoNotStopProducers)
-{
-    growing = q;
-    unsigned long mask = 0xe;
-    put(1, 3);
-    EXPECT_EQ(qrn_tl_queue_remove_all(q, bit_cmp, bit_rem, &mask), 0);
-    EXPECT_EQ(drain(), numbers{4});
-    growing = nullptr;
 }
 
 TEST(OrderedList, GivesLowPrioritiesFirstAndEqualOnesInOrder)
