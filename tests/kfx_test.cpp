@@ -102,6 +102,31 @@ TEST(HrTime, IntervalsAgreeWithTheMonotonicClock)
     }
 }
 
+// It goes on as the monotonic clock does: each reading lies between two of that one, but for those
+// soon after a thread was interrupted, which may be late.
+TEST(CurrentTime, StartsAtTheWallClocksAndKeepsItsPace)
+{
+    const auto now = [] {
+        const auto since = std::chrono::steady_clock::now().time_since_epoch();
+        return std::chrono::duration_cast<std::chrono::microseconds>(since).count();
+    };
+    long least = -1, most = 0; // by how much it is ahead of the monotonic clock
+    int late = 0;
+    for (long i = 0, last = (time(nullptr) - 3600) * 1'000'000; i < 200'000; ++i) {
+        const long before = now();
+        timeval tv;
+        kfx_current_tv(&tv);
+        const long usec = tv.tv_sec * 1'000'000 + tv.tv_usec, after = now();
+        if (least < 0)
+            std::tie(least, most) = std::pair(usec - after - 2, usec - before + 2);
+        ASSERT_TRUE(last <= usec && usec <= after + most) << usec;
+        late += before + least > usec;
+        ASSERT_TRUE(tv.tv_usec >= 0 && tv.tv_usec < 1'000'000);
+        last = usec;
+    }
+    EXPECT_LT(late, 20'000);
+}
+
 int consumed; // plain: letting go of a message must order its threads
 
 TEST(Message, KeepsWhatItIsMadeOfUntilItsLastReferenceAndReportsThatOnceUnlessDiscarded)
