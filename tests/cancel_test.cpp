@@ -162,6 +162,9 @@ TEST_F(CancelTest, AttachmentMayFailPartWay)
             Queue queue("cancel");
             cancel_info info{queue, on_cancel, first};
             auto *waiting = qrn_evq_add_dispatch_thread(queue);
+            qrn_event_t ended{};
+            waiting->ev = &ended;
+            EXPECT_EQ(qrn_evq_dispatch_thread_ev_done(queue, waiting), 0);
             Busy busy(queue, world);
             for (int t = 0; t < 3; ++t, busy.take())
                 ASSERT_EQ(world.enqueue(queue, MSG), 0);
