@@ -166,9 +166,9 @@ public:
         for (; waiting > 0; --waiting)
             perform("unblock");
         check(run() == 0, "a dispatcher is not woken");
-        perform("unblock"); // a last event
-        while (!is_empty())
+        do
             perform("poll");
+        while (!is_empty());
         check(!is_readable(), "an empty queue is shown as one with events");
         check_tokens();
         check_accounts();

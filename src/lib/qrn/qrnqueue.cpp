@@ -606,6 +606,9 @@ bool init_locks(qrn_tl_queue_t *q)
         retire(q, q->head);
         q->head = first;
     }
+    // The nodes cut last may all have been removed, with the sentinel at the end of the segment before.
+    if (q->fresh != q->fresh_end && segment_of(q->fresh) != segment_of(q->head))
+        std::free(segment_of(q->fresh));
     std::free(segment_of(q->head));
     std::free(q->spare);
     if (q->fd != -1)
