@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Cancellation callbacks and deferred frees. Threads are held inside callbacks while an object of theirs
-// goes away.
+// Cancellation callbacks and deferred frees. Threads are held inside callbacks while an object of
+// theirs goes away.
 #include <semaphore>
 #include <thread>
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What becomes of an event: each type, enqueued and ended in each way, with what the callback gets, what
-// is released, and the figures. Missing arguments of the operations.
+// What becomes of an event: each type, enqueued and ended in each way, with what the callback gets,
+// what is released, and the figures. Missing arguments of the operations.
 #include "objects.h"
 
 using namespace test;
@@ -22,8 +22,8 @@ int __wrap_qrn_tl_queue_enqueue(qrn_tl_queue_t *q, void *value)
 
 namespace {
 
-// Delivered: to a callback, to a target that is defunct, with the queue's flag set, to a callback that
-// fails or throws, after a warning that threw. Or discarded with the queue. Or never accepted.
+// Delivered: to a callback, to a target that is defunct, with the queue's flag set, to a callback
+// that fails or throws, after a warning that threw. Or discarded with the queue. Or never accepted.
 enum fate { PLAIN, DEFUNCT, FLAGGED, FAILS, THROWS, WARNED, SHUT_DOWN, DELETED, DECLINED, REFUSED };
 
 class EnqueueTest : public EventFixture {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One object of each kind that events refer to, with callbacks that keep a journal, and the services
-// around the module as fakes: a clock that stands until a test moves it, a descriptor manager and
-// a timer module that only write down what they are told. For programs of one source file.
+// One object of each kind that events refer to, with callbacks that keep a journal, and the
+// services around the module as fakes: a clock that stands until a test moves it, a descriptor
+// manager and a timer module that only write down what they are told. For programs of one source file.
 #ifndef QRN_TESTS_OBJECTS_H
 #define QRN_TESTS_OBJECTS_H
 
@@ -205,8 +205,8 @@ struct World {
             std::free(payload);
     }
 
-    // The journal's lines of the last event, which was of this type: its callback if it ran, and what
-    // follows.
+    // The journal's lines of the last event, which was of this type: its callback if it ran, and
+    // what follows.
     strings delivered(int type, bool ran, bool id_is_free = true)
     {
         const char *name = names[type];

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Options by name, on a record and on the running queue that owns it: good and bad values, sizes and
-// buffers at their edges, null arguments. What a call refuses records exactly its message and leaves
-// every option and the mask as they were. Then attribute records as a whole.
+// Options by name, on a record and on the running queue that owns it: good and bad values, sizes
+// and buffers at their edges, null arguments. What a call refuses records exactly its message and
+// leaves every option and the mask as they were. Then attribute records as a whole.
 #include <algorithm>
 #include <climits>
 #include <map>

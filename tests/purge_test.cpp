@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Random queues against a model: what purges leave, and figures that stay true while options are switched.
-// The registry of queues.
+// Random queues against a model: what purges leave, and figures that stay true while options are
+// switched. The registry of queues.
 #include <deque>
 #include <random>
 

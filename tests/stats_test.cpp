@@ -9,8 +9,8 @@ namespace {
 
 using StatsTest = EventFixture;
 
-// The queue's own block has the fields in the order of a snapshot: groups of a current count, a total, a
-// minimum, a mean and a maximum, but unblock events have no times.
+// The queue's own block has the fields in the order of a snapshot: groups of a current count, a
+// total, a minimum, a mean and a maximum, but unblock events have no times.
 TEST_F(StatsTest, SnapshotConvertsAndSumsResetKeepsWhatIsQueued)
 {
     constexpr size_t fields = 57, unblock = 35, events = 47;
