@@ -2,7 +2,7 @@
 //
 // One object of each kind that events refer to, with callbacks that keep a journal, and the
 // services around the module as fakes: a clock that stands until a test moves it, a descriptor
-// manager and a timer module that only write down what they are told. For programs of one source file.
+// manager and a timer module that only write down what they are told. For one-file programs.
 #ifndef QRN_TESTS_OBJECTS_H
 #define QRN_TESTS_OBJECTS_H
 
