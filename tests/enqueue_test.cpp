@@ -81,6 +81,7 @@ protected:
     void expect_end(const char *tracking, int type, fate end)
     {
         SCOPED_TRACE(text("type %d, fate %d, %s", type, end, tracking));
+        log_state.dmask = tracking[0] == 'c' ? ~0UL : 0; // traces change nothing
         Queue queue(text("count svc age size=1 notify %s", tracking), on_report, this);
         const bool accepted = end < DECLINED || (end == DECLINED && !is_declined(type));
         const bool tried = accepted || end == REFUSED;
@@ -126,6 +127,26 @@ TEST_F(EnqueueTest, EveryTypeMeetsEveryFate)
                 expect_end(tracking, type, static_cast<fate>(end));
 }
 
+// Calls the operation with each of the pointers missing in turn: each is a fatal check.
+template <class... Args>
+void need_each(int (*op)(Args...), std::type_identity_t<Args>... args)
+{
+    const auto need = [&](auto i) {
+        std::tuple<Args...> some(args...);
+        using argument = std::tuple_element_t<i, decltype(some)>;
+        if constexpr (std::is_pointer_v<argument>) {
+            if (std::exchange(std::get<i>(some), nullptr) == nullptr)
+                return;
+            EXPECT_NE(check_failed_by([&] { std::apply(op, some); }), "") << i;
+        }
+    };
+    [&]<size_t... i>(std::index_sequence<i...>)
+    {
+        (need(std::integral_constant<size_t, i>{}), ...);
+    }
+    (std::index_sequence_for<Args...>{});
+}
+
 // A fatal check leaves the payload where it was.
 TEST_F(EnqueueTest, MissingArgumentsAreReported)
 {
@@ -155,15 +176,42 @@ TEST_F(EnqueueTest, MissingArgumentsAreReported)
         fails("cbinfo->cbproc!=NULL", [&] { k.cancel(w.object(k.type), &blank); });
     }
     EXPECT_EQ(checks.take(), strings(std::size(kinds), "cbinfo->event_queue->attr->q_cancel_cb"));
-    fails("rcv!=NULL", [&] { qrn_evq_enq_msg_with_proc(queue, {}, w.on<MSG>, {}, {}); });
-    fails("msg!=NULL", [&] { qrn_evq_enq_msg_with_proc(queue, &w.rcv, w.on<MSG>, {}, {}); });
-    fails("ctx!=NULL", [&] { qrn_evq_enq_timer(queue, {}, 1, {}, w.on<TIMER>, 0); });
-    fails("proc!=NULL", [&] { qrn_evq_enq_timer(queue, &w.ctx, 1, {}, {}, 0); });
-    fails("bundle!=NULL", [&] { qrn_evq_enq_msg_bundle(queue, {}); });
-    fails("bundle!=NULL", [&] { qrn_event_bundle_delete(nullptr); });
-    fails("ev!=NULL", [&] { qrn_event_delete(nullptr); });
-    fails("ev_in_q!=NULL", [&] { qrn_evq_purge_rcv_cmp(nullptr, &ev); });
-    fails("ev_in->type==QRN_EVQ_MSG_TYPE", [&] { qrn_evq_purge_rcv_filter(&ev, &ev, {}); });
+    qrn_msg_t msg{};
+    qrn_event_bundle_t bundle{};
+    qrn_evq_dispatch_thrd_node_t node{};
+    qrn_event_t plain{QRN_EVQ_MSG_TYPE, queue, {}, {}, {}, 0}, wild = plain;
+    wild.type = QRN_EVQ_WRCV_MSG_TYPE;
+    int remove = 0;
+    need_each(qrn_evq_enq_msg_with_proc, queue, &w.rcv, {}, &msg, {});
+    need_each(qrn_evq_enq_wrcv_msg, queue, &w.wrcv, &msg);
+    need_each(qrn_evq_enq_wrcv_msg_with_proc, queue, &w.wrcv, {}, &msg, {});
+    need_each(qrn_evq_enq_timer, queue, &w.ctx, 1, {}, w.on<TIMER>, 0);
+    need_each(qrn_evq_enq_io, queue, &w.ctx, 1, 1, {}, w.on<IO>);
+    need_each(qrn_evq_enq_src, queue, &w.src, 1, {}, {}, 0, w.on<SRC>);
+    need_each(qrn_evq_enq_ctx_src, queue, &w.ctx, 1, {}, {}, 0, w.on<CTX_SRC>);
+    need_each(qrn_evq_enq_req, queue, &w.req, &msg);
+    need_each(qrn_evq_enq_imsg, queue, &w.ctx, &msg, {}, {});
+    need_each(qrn_evq_enq_msg_bundle, queue, &bundle);
+    need_each(qrn_event_bundle_delete, &bundle);
+    need_each(qrn_event_delete, &ev);
+    for (auto compare : {qrn_evq_purge_rcv_cmp, qrn_evq_purge_wrcv_cmp, qrn_evq_purge_src_cmp,
+                         qrn_evq_purge_req_cmp, qrn_evq_purge_ctx_src_cmp, qrn_evq_purge_timer_cmp,
+                         qrn_evq_purge_io_cmp, qrn_evq_purge_msg_bundle_cmp})
+        need_each(compare, &ev, &ev);
+    need_each(qrn_evq_purge_rcv_filter, &plain, &plain, nullptr);
+    need_each(qrn_evq_purge_wrcv_filter, &wild, &wild, &remove);
+    fails("ev_in->type==QRN_EVQ_MSG_TYPE", [&] { qrn_evq_purge_rcv_filter(&ev, &wild, {}); });
+    fails("ev_in->type==QRN_EVQ_WRCV_MSG_TYPE",
+          [&] { qrn_evq_purge_wrcv_filter(&ev, &plain, {}); });
+    need_each(qrn_evq_check_obj, queue, &ev);
+    need_each(qrn_evq_cancel_thrd_check, queue, &ev, nullptr);
+    need_each(qrn_evq_thrd_enq_all, queue, nullptr);
+    need_each(qrn_evq_rem_dispatch_thread, queue, &node);
+    fails("node!=NULL", [&] { qrn_evq_dispatch_thread_ev_done(queue, nullptr); });
+    fails("node!=NULL", [&] { qrn_evq_dispatch_thread_ev_update(queue, nullptr, &ev); });
+    for (qrn_evq_cb_info_t info : {qrn_evq_cb_info_t{nullptr, &node}, {queue, nullptr}})
+        EXPECT_NE(check_failed_by([&] { qrn_evq_dequeue_cb_func(&ev, &info); }), "");
+    fails("evq_cb_info != NULL", [&] { qrn_evq_dequeue_cb_func(&ev, nullptr); });
 }
 
 } // namespace
