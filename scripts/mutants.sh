@@ -187,8 +187,9 @@ c=qrnev_cancel.cpp
 fault $c "cancel: hook without the lock" \
     '    kfx::lock_guard lock(evq_cb_info->evq->cancel_cb_lock);
 ' ''
-fault $c "cancel: a finished event stays in the registry" '    node->ev = nullptr;
-    if (thrown' '    if (thrown'
+fault $c "cancel: a finished event stays in the registry" '        node->ev = nullptr;
+    else' '        ;
+    else'
 fault $c "cancel: a second deferred free replaces the first" \
     '    if (node->cancel_info == nullptr) {
         node->cancel_info = record;' '    if (node->cancel_info == nullptr || record != nullptr) {

@@ -147,17 +147,26 @@ void settle_frees(node_t *node)
     }
 }
 
+// Settles what is attached to a node, then passes on what a callback threw.
+[[gnu::noinline]] void settle_all(node_t *node)
+{
+    std::exception_ptr thrown = settle_callbacks(node);
+    settle_frees(node);
+    node->ev = nullptr;
+    if (thrown != nullptr)
+        std::rethrow_exception(thrown);
+}
+
 } // namespace
 
 int qrn_evq_dispatch_thread_ev_done(qrn_event_queue_t *evq, node_t *node)
 {
     kfx::lock_guard lock(evq->cancel_cb_lock);
     KFX_ASSERT(node != nullptr, "node!=NULL");
-    std::exception_ptr thrown = settle_callbacks(node);
-    settle_frees(node);
-    node->ev = nullptr;
-    if (thrown != nullptr)
-        std::rethrow_exception(thrown);
+    if (node->cbinfo_queue == nullptr && node->cancel_info == nullptr)
+        node->ev = nullptr;
+    else
+        settle_all(node);
     return 0;
 }
 
