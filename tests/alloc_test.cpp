@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Every allocation of every operation fails once. Each try is a process of its own: it prepares, lets
+// Every allocation of every operation fails once. Each try is a process of its own: it lets
 // allocation number k of the operation fail, and says how that went. Either the operation was about
-// to end the process, with the right report; or it failed, left everything as it was, and works when
-// it is called again. The tries of an operation end with the k that it never reaches.
+// to end the process, with the right report; or it failed, left everything as it was, and works
+// when called again. The tries of an operation end with the k that it never reaches.
 
 #include <atomic>
 #include <cstdarg>
@@ -170,14 +170,13 @@ int free_later()
     return qrn_evq_check_obj(evq, &ev) == 1 ? 0 : -1;
 }
 
-// A thread delivers a message of the receiver and has a callback and a deferred free to settle then.
+// A thread is inside an event of the receiver, with a callback and a deferred free to settle then.
 void make_busy()
 {
-    qrn_evq_enq_msg_with_proc(evq, rcv, on, qrn_msg_retain(msg), nullptr);
-    void *ev = nullptr;
-    qrn_evq_cb_info_t info = {evq, qrn_evq_add_dispatch_thread(evq)};
-    qrn_tl_queue_dequeue_cb_info_t hook = {qrn_evq_dequeue_cb_func, &info};
-    qrn_tl_queue_dequeue_ex(evq->q, &ev, 0, &hook);
+    static qrn_event_t inside{};
+    inside.type = QRN_EVQ_MSG_TYPE;
+    inside.info.msg.rcv = rcv;
+    qrn_evq_add_dispatch_thread(evq)->ev = &inside;
     attach_callback();
     free_later();
 }
@@ -214,8 +213,8 @@ char outcome(long k, int (*op)(), void (*prepare)())
     return WIFEXITED(status) ? static_cast<char>(WEXITSTATUS(status)) : '?';
 }
 
-// The outcomes of k = 1, 2, ..., as a regular expression. An operation gives 0 when it works; it finds a
-// full queue unless it needs something else.
+// The outcomes of k = 1, 2, ..., as a regular expression. An operation gives 0 when it works; it
+// finds a full queue unless it needs something else.
 const struct {
     const char *name, *outcomes;
     int (*op)();
@@ -229,7 +228,6 @@ const struct {
     {"options", "fd", [] { return set(attr, "monitor_transport_opts", "port=8"); }},
     {"data", "fd", [] { return set(attr, "application_data", "new"); }},
     {"live", "fd", [] { return qrn_event_queue_str_setopt(evq, "application_data", "new"); }},
-    {"count", "d", [] { return qrn_event_queue_str_setopt(evq, "queue_count_enabled", "1"); }},
     {"message", "fud", [] { return qrn_evq_enq_msg_with_proc(evq, rcv, on, msg, nullptr); }},
     {"wildcard", "fud", [] { return qrn_evq_enq_wrcv_msg(evq, wrcv, msg); }},
     {"response", "fud", [] { return qrn_evq_enq_req(evq, req, msg); }},

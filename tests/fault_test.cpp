@@ -236,7 +236,6 @@ TEST_F(FaultTest, MonitorTransportFails)
 {
     sockaddr_in addr = {};
     addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t len = sizeof addr;
     const int full = socket(AF_INET, SOCK_DGRAM, 0), least = 1;
     setsockopt(full, SOL_SOCKET, SO_RCVBUF, &least, sizeof least);

@@ -11,14 +11,6 @@ using namespace test;
 
 namespace {
 
-int reports; // enqueue notifications
-
-int on_report(qrn_event_queue_t *, int report, size_t sz, qrn_ulong_t delay, void *)
-{
-    reports += report == QRN_EVQ_MON_ENQUEUE_NOTIFICATION && sz == 1 && delay == 0;
-    return 0;
-}
-
 // Two objects of each kind; a bundle may hold messages of both.
 class PurgeTest : public EventFixture {
 protected:
@@ -29,7 +21,7 @@ protected:
         int type;
         World *of;
         bool key; // the timer's id, or the readiness, is what purges are for
-        bool counted, sized, stamped;
+        bool counted, sized;
         long data[2] = {}, wild[2] = {}; // of a bundle, by world
         strings lines{};                 // the journal of its delivery
 
@@ -44,7 +36,7 @@ protected:
     };
     std::deque<entry> model;
     counts total{};
-    bool monitored, counting, sizing, delays, age, notify;
+    bool monitored, counting, sizing, age;
 
     void add(qrn_event_queue_t *evq, std::mt19937 &random)
     {
@@ -53,19 +45,15 @@ protected:
         w.id = 37 + static_cast<int>(random() % 2);
         w.readiness = random() % 4 + 1;
         const bool key = type == TIMER ? w.id == 37 : type != IO || (w.readiness & 2) != 0;
-        entry e{
-            type, &w, key, counting, sizing && (monitored || age), age || (delays && monitored)};
+        entry e{type, &w, key, counting, sizing && (monitored || age)};
         qrn_event_bundle_t *bundle = type == BUNDLE ? w.new_bundle({}) : nullptr;
         for (auto n = bundle == nullptr ? 0 : random() % 6 + 1; n > 0; --n) {
             const auto wild = random() % 2, of = random() % 2;
             worlds[of].add(bundle, wild ? WRCV : MSG);
             ++(wild ? e.wild : e.data)[of];
         }
-        stamps = reports = 0;
-        EXPECT_EQ(bundle == nullptr ? w.enqueue(evq, type) : qrn_evq_enq_msg_bundle(evq, bundle),
-                  0);
-        EXPECT_TRUE(stamps == e.stamped && reports == (monitored && notify));
-        w.payload = bundle == nullptr ? w.payload : bundle;
+        EXPECT_EQ(bundle ? qrn_evq_enq_msg_bundle(evq, bundle) : w.enqueue(evq, type), 0);
+        w.payload = bundle != nullptr ? bundle : w.payload;
         e.lines = w.delivered(type, has_callback(type));
         e.count_in(total);
         model.push_back(e);
@@ -86,9 +74,7 @@ protected:
     }
     void dispatch_first(Queue &queue)
     {
-        queue->age_min = no_sample;
         EXPECT_EQ(dispatch(queue), 1);
-        EXPECT_EQ(queue->age_min != no_sample, age && model.front().stamped);
         EXPECT_EQ(done.take(), model.front().lines);
         model.pop_front();
     }
@@ -115,12 +101,12 @@ TEST_F(PurgeTest, RandomQueuesKeepExactlyWhatRefersToOtherObjects)
         std::mt19937 random(seed);
         monitored = seed % 3 != 0;
         total = {};
-        Queue queue("", monitored ? on_report : nullptr);
+        const auto ignore = [](Q *, int, size_t, qrn_ulong_t, void *) { return 0; };
+        Queue queue("", monitored ? +ignore : nullptr);
         for (int round = 0; round < 8 || !model.empty(); ++round) {
-            for (bool *option : {&counting, &sizing, &delays, &age, &notify})
+            for (bool *option : {&counting, &sizing, &age})
                 *option = random() % 2;
-            queue.set(text("count=%d size=%d delay=%d age=%d notify=%d", counting, sizing, delays,
-                           age, notify));
+            queue.set(text("count=%d size=%d age=%d", counting, sizing, age));
             for (auto n = round < 8 ? random() % 20 : 0; n > 0; --n)
                 add(queue, random);
             const kind &k = kinds[random() % std::size(kinds)];
@@ -139,32 +125,25 @@ TEST_F(PurgeTest, RandomQueuesKeepExactlyWhatRefersToOtherObjects)
     }
 }
 
-// The newest first, whichever went away; timers stay where objects are not purged on close.
+// The newest first, also when others went away; timers stay where objects are not purged on close.
 TEST_F(PurgeTest, QueuesOfTheWholeRegistryArePurged)
 {
-    Queue a, b, c("purge=0");
-    const auto expect_registry = [&](std::initializer_list<Queue *> newest_first) {
-        strings expected;
-        for (Queue *queue : newest_first) {
-            ++world.readiness;
-            world.enqueue(*queue, TIMER);
-            world.enqueue(*queue, IO);
-            expected.push_back(world.discarded(IO)[0]);
-        }
-        done.take();
-        EXPECT_EQ(qrn_evq_purge_timer_all(&world.ctx, 37), 0);
-        EXPECT_EQ(qrn_evq_purge_io_all(&world.ctx, 7, ~0UL), 0);
-        EXPECT_EQ(done.take(), expected);
-        for (Queue *queue : newest_first)
-            EXPECT_EQ(dispatch(*queue), queue == &c);
-    };
-    expect_registry({&c, &b, &a});
-    b.end(); // from the middle
-    Queue d;
-    expect_registry({&d, &c, &a});
-    d.end(); // the first
-    a.end(); // the last
-    expect_registry({&c});
+    Queue last, a, middle, b("purge=0"), first;
+    for (Queue *gone : {&middle, &first, &last})
+        gone->end();
+    strings expected;
+    for (Queue *queue : {&b, &a}) {
+        ++world.readiness;
+        world.enqueue(*queue, TIMER);
+        world.enqueue(*queue, IO);
+        expected.push_back(world.discarded(IO)[0]);
+    }
+    done.take();
+    EXPECT_EQ(qrn_evq_purge_timer_all(&world.ctx, 37), 0);
+    EXPECT_EQ(qrn_evq_purge_io_all(&world.ctx, 7, ~0UL), 0);
+    EXPECT_EQ(done.take(), expected);
+    EXPECT_EQ(dispatch(a), 0);
+    EXPECT_EQ(dispatch(b), 1);
 }
 
 } // namespace
