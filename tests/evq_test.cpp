@@ -86,6 +86,7 @@ TEST_F(EvqTest, ErrorsOfNullArgumentsAreRecorded)
         {402, evq, [&] { return qrn_event_queue_unmonitor(controller, nullptr); }},
         {406, valid, [&] { return qrn_event_queue_retrieve_warnings(nullptr, {}, {}); }},
     };
+    log_state.dmask = KFX_DBG_API;
     for (auto &[code, message, call] : rows) {
         qrn_seterr(0, "");
         EXPECT_EQ(call(), -1);
@@ -94,23 +95,18 @@ TEST_F(EvqTest, ErrorsOfNullArgumentsAreRecorded)
     }
 }
 
-// Traces of each kind, in the life of a queue.
+// Traces of each kind.
 TEST_F(EvqTest, TracesTellOfCallsAndEvents)
 {
     Queue queue;
     const void *q = queue.evq;
-    log_state.dmask = KFX_DBG_API | KFX_DBG_LIFE | KFX_DBG_EVENT | KFX_DBG_OPTION;
-    queue.set("age");
+    log_state.dmask = KFX_DBG_API | KFX_DBG_LIFE | KFX_DBG_EVENT;
     ASSERT_EQ(world.enqueue(queue, TIMER), 0);
     EXPECT_EQ(dispatch(queue), 1);
-    const char *const option = "qrn_event_queue_str_setopt";
-    const strings lines = {text("[%s] evq[%p] optname[queue_age_enabled] optval[1]\n", option, q),
-                           text("evq %p %s [queue_age_enabled] optval[1]\n", q, option),
-                           text("evq %p enq TIMER id 37\n", q),
-                           text("[qrn_event_dispatch] evq[%p] tmo[0]\n", q),
-                           text("evq %p dispatch TIMER id 37 x 0\n", q),
-                           text("timer evq %p freeidx 37\n", &world.timer)};
-    EXPECT_EQ(logged.take(), lines);
+    EXPECT_EQ(logged.take(), (strings{text("evq %p enq TIMER id 37\n", q),
+                                      text("[qrn_event_dispatch] evq[%p] tmo[0]\n", q),
+                                      text("evq %p dispatch TIMER id 37 x 0\n", q),
+                                      text("timer evq %p freeidx 37\n", &world.timer)}));
     queue.end();
     EXPECT_EQ(logged.take().back(), text("#a#Cob#des qrn_event_queue_t %p\n", q));
 }
