@@ -195,7 +195,6 @@ TEST_P(ContextTest, TakesNothingOnceTheQueueIsShutDownOrDetached)
         for (const kind &k : kinds)
             ASSERT_EQ(k.make(o), QRN_OK);
         EXPECT_EQ(qrn_ctx_bind_immediate(ctx, queue, on, nullptr) | timer.schedule(1), QRN_OK);
-        EXPECT_EQ(qrn_ctx_bind_immediate(ctx, queue, on, nullptr), QRN_FAILURE);
         EXPECT_EQ(kinds[6].make(o) + o.watch(), 2 * QRN_FAILURE) << "bound";
         how == 0 ? qrn_ctx_detach(ctx, queue) : qrn_event_queue_shutdown(queue);
         EXPECT_EQ(deliver(ctx, "t") + deliver(ctx, nullptr), 0);
@@ -208,11 +207,8 @@ TEST_P(ContextTest, TakesNothingOnceTheQueueIsShutDownOrDetached)
     }
 }
 
-TEST(Contexts, RefuseNullArgumentsAndTheEndOfWhatIsNotBound)
+TEST(Contexts, RefuseNullArguments)
 {
-    Context ctx;
-    EXPECT_EQ(qrn_ctx_unbind_src(ctx, nullptr) + qrn_ctx_unbind_immediate(ctx), 2 * QRN_FAILURE);
-    EXPECT_EQ(qrn_ctx_cancel_timer(ctx, 1, nullptr), QRN_FAILURE);
     const auto refuse = []<class... Args>(int (*operation)(Args...)) {
         EXPECT_EQ(operation(Args{}...), QRN_FAILURE);
     };
@@ -255,10 +251,6 @@ TEST_P(ContextTest, BundlesFillInOrderAndLoseWhatIsDeleted)
     EXPECT_EQ(calls, 2);
     EXPECT_EQ(got, (std::vector<unsigned>{0, 20, 0}));
     EXPECT_EQ(told[0], cancels ? 2 : 0);
-    deliver(ctx, "b"); // ends with the binding to the queue, though the bundle was begun
-    EXPECT_EQ(qrn_ctx_detach(ctx, queue) | qrn_ctx_flush(ctx), QRN_OK);
-    drain(queue);
-    EXPECT_EQ(calls, 2);
 }
 
 INSTANTIATE_TEST_SUITE_P(Queues, ContextTest, testing::Values("", "cancel", "purge=0"));

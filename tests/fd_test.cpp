@@ -48,11 +48,6 @@ const std::map<std::string, std::function<int(qrn_ulong_t)>> steps = {
     {"read", [](auto) { return recv(ends[0], ends + 2, 1, 0) == 1 ? 0 : -1; }},
     {"wait", [](auto) { return qrn_fd_wait(fdm, 0); }},
     {"hang-up", [](auto) { return shutdown(ends[1], SHUT_RDWR); }},
-    {"reopen", // the same number, behind the manager's back
-     [](auto) {
-         const int spare = dup(ends[0]);
-         return close(ends[0]) | (dup2(spare, ends[0]) - ends[0]) | close(spare);
-     }},
     {"idle", [](auto) { return qrn_fd_wait(fdm, 0) == 0 && fdm->num_ready == 0 ? 0 : -1; }},
     {"full", [](auto ev) { return enqueue_result = ev > 0 ? 1 : -1, 0; }}, // for good or not
 };
@@ -96,7 +91,6 @@ INSTANTIATE_TEST_SUITE_P(
         "watch1 hang-up poll1 poll idle resume1 poll1",
         "watch1 watch2 ready poll12 resume2 poll2 resume3 !unwatch3 unwatch1 unwatch2 watch3 poll3",
         "ready watch1 poll1 unwatch1 watch1 poll resume1 poll1 unwatch1 resume1 poll",
-        "watch1 reopen unwatch1 watch1 ready poll1",
         "watch1 ready full0 poll1 poll1 full1 poll1 poll",
         "watch1 !watch1 !watch0 !watch8 ready poll1"));
 

@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <strings.h>
@@ -24,7 +23,7 @@ namespace {
 using record = qrn_event_queue_attr_t;
 
 constexpr size_t option_count = std::size(qrn_event_queue_attr_opt_table) - 1;
-constexpr size_t opts = 10, data = 13; // rows; from `opts` on values are texts or bytes
+constexpr size_t opts = 10; // the row; from here on values are texts or bytes
 
 void require(bool holds, const char *property)
 {
@@ -34,22 +33,19 @@ void require(bool holds, const char *property)
     std::abort();
 }
 
-// Every option as text, of any length, and the mask behind them.
+// Every option as text, and the mask behind them.
 std::vector<std::string> state_of(record *attr)
 {
     std::vector<std::string> now(option_count);
-    for (size_t row = 0, size = 80; row < option_count;) {
-        const std::unique_ptr<char[]> buffer(new char[size]());
-        size_t length = size;
+    for (size_t row = 0; row < option_count; ++row) {
+        static char buffer[1 << 14]; // an input is shorter
+        size_t length = sizeof buffer;
         const char *const option = qrn_event_queue_attr_opt_table[row].oname;
-        if (qrn_event_queue_attr_str_getopt(attr, option, buffer.get(), &length) != QRN_OK) {
-            size *= 2;
-            continue;
-        }
-        require(length <= size, "a length is within its buffer");
-        if (length < size || row == data) // else it is unset
-            now[row].assign(buffer.get(), length);
-        ++row;
+        require(qrn_event_queue_attr_str_getopt(attr, option, buffer, &length) == QRN_OK &&
+                    length <= sizeof buffer,
+                "each option reads, in its buffer");
+        if (length < sizeof buffer) // else it is unset
+            now[row].assign(buffer, length);
     }
     now.emplace_back(attr->setopt_mask, qrn_event_queue_attr_setopt_mask_size());
     return now;

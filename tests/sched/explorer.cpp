@@ -76,16 +76,10 @@ fiber &main_thread = threads[max_threads];
 fiber *current = &main_thread;
 char beginning, ending; // order the threads of a schedule behind its beginning and before its end
 
-void acquire(void *object)
+void order(void (*how)(void *), void *object)
 {
-    if (__tsan_acquire != nullptr)
-        __tsan_acquire(object);
-}
-
-void release(void *object)
-{
-    if (__tsan_release != nullptr)
-        __tsan_release(object);
+    if (how != nullptr)
+        how(object);
 }
 
 // --- Fibers --------------------------------------------------------------------------------------
@@ -108,9 +102,9 @@ void give_way();
 void enter()
 {
     std::memset(abi::__cxa_get_globals(), 0, sizeof current->exceptions);
-    acquire(&beginning);
+    order(__tsan_acquire, &beginning);
     current->body();
-    release(&ending);
+    order(__tsan_release, &ending);
     current->live = false;
     give_way();
 }
@@ -171,11 +165,6 @@ void give_way()
     switch_to(next != nullptr ? *next : main_thread);
 }
 
-int count_live()
-{
-    return static_cast<int>(std::ranges::count(threads, true, &fiber::live));
-}
-
 } // namespace
 
 // --- The interface -------------------------------------------------------------------------------
@@ -212,18 +201,18 @@ void spawn(std::function<void()> body)
 
 int run()
 {
-    release(&beginning);
+    order(__tsan_release, &beginning);
     while (fiber *next = pick())
         switch_to(*next);
-    acquire(&ending);
+    order(__tsan_acquire, &ending);
     if (s.failed)
         throw failure{s.what};
-    return count_live();
+    return static_cast<int>(std::ranges::count(threads, true, &fiber::live));
 }
 
 void end()
 {
-    check(count_live() == 0, "a thread waits for ever");
+    check(std::ranges::none_of(threads, &fiber::live), "a thread waits for ever");
     check(!blocks_left(), "memory leaked");
 }
 
@@ -281,7 +270,7 @@ bool try_take(model &m)
     if (m > 0)
         return false;
     ++m;
-    acquire(&m);
+    order(__tsan_acquire, &m);
     return true;
 }
 
@@ -301,7 +290,7 @@ bool take(model &m, bool timed)
 // Points before and after: what follows without a lock shows, too.
 int give(model &m)
 {
-    release(&m);
+    order(__tsan_release, &m);
     --m;
     point();
     return 0;
