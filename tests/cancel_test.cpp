@@ -62,6 +62,7 @@ class CancelTest : public EventFixture {
 protected:
     char first[8] = "first", second[8] = "second";
 
+    CancelTest() { log_state.dmask = ~0UL; } // traces change nothing
     static void on_cancel(int how, void *of) { cancelled.note(static_cast<char *>(of), how); }
     // The record lives no longer than the call.
     static int cancel(World &w, const kind &k, cancel_info info)

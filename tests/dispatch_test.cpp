@@ -53,6 +53,7 @@ TEST_F(DispatchTest, DeadlineCountsBetweenEventsOnceItHasPassed)
 
 TEST_F(DispatchTest, EachUnblockEndsOneDispatcher)
 {
+    log_state.dmask = KFX_DBG_EVENT; // traces change nothing
     for (const char *tracking : {"", "cancel"})
         for (qrn_ulong_t tmo : {QRN_EVQ_DISPATCH_BLOCK, 0x100000000UL, ~0UL}) {
             Queue queue(tracking);

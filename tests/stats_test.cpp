@@ -16,6 +16,7 @@ TEST_F(StatsTest, SnapshotConvertsAndSumsResetKeepsWhatIsQueued)
     constexpr size_t fields = 57, unblock = 35, events = 47;
     using block = std::array<qrn_ulong_t, fields>;
     static_assert(sizeof(block) == sizeof(qrn_event_queue_stats_t));
+    log_state.dmask = KFX_DBG_API;
     Queue queue;
     auto &own = reinterpret_cast<block &>(queue->data_msgs);
     for (bool sampled : {false, true}) {
