@@ -244,7 +244,6 @@ TEST_P(options_test, texts)
         {data, text_set, "ab", 0, "", "ab"},
         {data, typed_set, "abc", 2, "", "ab"},
     };
-    log_state.dmask = 0;
     for (const auto &c : cases)
         expect_set(rows[c.option], c.set, c.given, c.size, c.refusal, c.result);
     EXPECT_EQ(strings(2, text("%d Core-10668-05: The event_queue application_data configuration "
