@@ -69,20 +69,30 @@ TEST_F(EvqTest, ErrorsOfNullArgumentsAreRecorded)
     qrn_config_option_t entry;
     int none = 0;
     const auto valid = "evq must be valid", evq = "evq must not be NULL", at = "attr must be valid",
-               size = "value at size must be greater than 0";
+               sctl = "sctl must not be NULL", size = "value at size must be greater than 0";
     const std::tuple<int, const char *, std::function<int()>> rows[] = {
+        {289, at, [] { return qrn_event_queue_attr_create(nullptr); }},
         {290, at, [] { return qrn_event_queue_attr_create_default(nullptr); }},
+        {291, at, [] { return qrn_event_queue_attr_delete(nullptr); }},
         {292, at, [] { return qrn_event_queue_attr_dup(nullptr, nullptr); }},
+        {293, "original must be valid", [&] { return qrn_event_queue_attr_dup(&attr, nullptr); }},
         {294, valid, [&] { return qrn_event_queue_dump(nullptr, &none, &entry); }},
+        {295, "eattr must be valid", [&] { return qrn_event_queue_attr_dump({}, &none, &entry); }},
         {296, "opts must be valid", [&] { return qrn_event_queue_attr_dump(attr, &none, {}); }},
         {297, size, [&] { return qrn_event_queue_dump(q, &none, &entry); }},
         {386, "evqp must be valid", [&] { return qrn_event_queue_create({}, {}, {}, {}); }},
         {389, valid, [&] { return qrn_event_dispatch(nullptr, 0); }},
+        {391, valid, [] { return qrn_event_queue_shutdown(nullptr); }},
+        {392, valid, [] { return qrn_event_queue_delete(nullptr); }},
         {393, valid, [&] { return qrn_event_queue_retrieve_stats(nullptr, &stats); }},
         {394, "stats must be valid", [&] { return qrn_event_queue_retrieve_stats(q, nullptr); }},
+        {395, valid, [] { return qrn_event_queue_reset_stats(nullptr); }},
         {396, valid, [&] { return qrn_event_queue_size(nullptr); }},
         {397, "evq must have queue_size_warning > 0", [&] { return qrn_event_queue_size(q); }},
+        {398, valid, [] { return qrn_event_dispatch_unblock(nullptr); }},
+        {399, sctl, [&] { return qrn_event_queue_monitor(nullptr, q); }},
         {400, evq, [&] { return qrn_event_queue_monitor(controller, nullptr); }},
+        {401, sctl, [&] { return qrn_event_queue_unmonitor(nullptr, q); }},
         {402, evq, [&] { return qrn_event_queue_unmonitor(controller, nullptr); }},
         {406, valid, [&] { return qrn_event_queue_retrieve_warnings(nullptr, {}, {}); }},
     };

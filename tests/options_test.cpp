@@ -305,6 +305,26 @@ TEST_P(options_test, copies_are_deep_and_complete)
 
 using options = Fixture;
 
+TEST_F(options, handlers_refuse_null)
+{
+    Attr attr("");
+    char buffer[4];
+    const auto &name = qrn_event_queue_attr_opt_table[queue_name];
+    const auto &bytes_of = qrn_event_queue_attr_opt_table[data];
+    const std::pair<int, std::function<int()>> rows_of[] = {
+        {373, [] { return qrn_event_queue_validate_name(nullptr); }},
+        {376, [&] { return name.set(attr, nullptr, 128); }},
+        {377, [&] { return name.sset(attr, nullptr); }},
+        {379, [&] { return name.get(attr, nullptr, nullptr); }},
+        {380, [&] { return name.sget(attr, buffer, nullptr); }},
+        {383, [&] { return bytes_of.get(attr, nullptr, nullptr); }},
+        {384, [&] { return bytes_of.sget(attr, buffer, nullptr); }},
+        {0, [&] { return bytes_of.sset(attr, nullptr); }}, // means no bytes
+    };
+    for (auto &[number, call] : rows_of)
+        expect_result(message(number), call);
+}
+
 TEST_F(options, dump_gives_every_option_that_fits)
 {
     const std::string fits(126, 'n');
