@@ -73,39 +73,14 @@ static const op volatile operations[] = {
     (op)qrnmon_format_csv_module, (op)qrnmon_transport_qrn_module,
     (op)qrnmon_transport_qrnsnmp_module,
 };
+#define HANDLERS(option) \
+    {(op)qrn_event_queue_attr_##option##_set, (op)qrn_event_queue_attr_##option##_sset, \
+     (op)qrn_event_queue_attr_##option##_get, (op)qrn_event_queue_attr_##option##_sget}
 static const op handlers[][4] = {
-    {(op)qrn_event_queue_attr_q_sz_warn_set, (op)qrn_event_queue_attr_q_sz_warn_sset,
-     (op)qrn_event_queue_attr_q_sz_warn_get, (op)qrn_event_queue_attr_q_sz_warn_sget},
-    {(op)qrn_event_queue_attr_q_delay_warn_set, (op)qrn_event_queue_attr_q_delay_warn_sset,
-     (op)qrn_event_queue_attr_q_delay_warn_get, (op)qrn_event_queue_attr_q_delay_warn_sget},
-    {(op)qrn_event_queue_attr_q_notify_set, (op)qrn_event_queue_attr_q_notify_sset,
-     (op)qrn_event_queue_attr_q_notify_get, (op)qrn_event_queue_attr_q_notify_sget},
-    {(op)qrn_event_queue_attr_q_cancel_cb_set, (op)qrn_event_queue_attr_q_cancel_cb_sset,
-     (op)qrn_event_queue_attr_q_cancel_cb_get, (op)qrn_event_queue_attr_q_cancel_cb_sget},
-    {(op)qrn_event_queue_attr_q_purge_on_close_set, (op)qrn_event_queue_attr_q_purge_on_close_sset,
-     (op)qrn_event_queue_attr_q_purge_on_close_get, (op)qrn_event_queue_attr_q_purge_on_close_sget},
-    {(op)qrn_event_queue_attr_q_svc_time_set, (op)qrn_event_queue_attr_q_svc_time_sset,
-     (op)qrn_event_queue_attr_q_svc_time_get, (op)qrn_event_queue_attr_q_svc_time_sget},
-    {(op)qrn_event_queue_attr_q_age_set, (op)qrn_event_queue_attr_q_age_sset,
-     (op)qrn_event_queue_attr_q_age_get, (op)qrn_event_queue_attr_q_age_sget},
-    {(op)qrn_event_queue_attr_q_count_set, (op)qrn_event_queue_attr_q_count_sset,
-     (op)qrn_event_queue_attr_q_count_get, (op)qrn_event_queue_attr_q_count_sget},
-    {(op)qrn_event_queue_attr_monitor_ivl_set, (op)qrn_event_queue_attr_monitor_ivl_sset,
-     (op)qrn_event_queue_attr_monitor_ivl_get, (op)qrn_event_queue_attr_monitor_ivl_sget},
-    {(op)qrn_event_queue_attr_monitor_transport_set,
-     (op)qrn_event_queue_attr_monitor_transport_sset,
-     (op)qrn_event_queue_attr_monitor_transport_get,
-     (op)qrn_event_queue_attr_monitor_transport_sget},
-    {(op)qrn_event_queue_attr_monitor_transport_opts_set,
-     (op)qrn_event_queue_attr_monitor_transport_opts_sset,
-     (op)qrn_event_queue_attr_monitor_transport_opts_get,
-     (op)qrn_event_queue_attr_monitor_transport_opts_sget},
-    {(op)qrn_event_queue_attr_monitor_appid_set, (op)qrn_event_queue_attr_monitor_appid_sset,
-     (op)qrn_event_queue_attr_monitor_appid_get, (op)qrn_event_queue_attr_monitor_appid_sget},
-    {(op)qrn_event_queue_attr_event_queue_name_set, (op)qrn_event_queue_attr_event_queue_name_sset,
-     (op)qrn_event_queue_attr_event_queue_name_get, (op)qrn_event_queue_attr_event_queue_name_sget},
-    {(op)qrn_event_queue_attr_app_data_set, (op)qrn_event_queue_attr_app_data_sset,
-     (op)qrn_event_queue_attr_app_data_get, (op)qrn_event_queue_attr_app_data_sget},
+    HANDLERS(q_sz_warn), HANDLERS(q_delay_warn), HANDLERS(q_notify), HANDLERS(q_cancel_cb),
+    HANDLERS(q_purge_on_close), HANDLERS(q_svc_time), HANDLERS(q_age), HANDLERS(q_count),
+    HANDLERS(monitor_ivl), HANDLERS(monitor_transport), HANDLERS(monitor_transport_opts),
+    HANDLERS(monitor_appid), HANDLERS(event_queue_name), HANDLERS(app_data),
 };
 // clang-format on
 
