@@ -125,7 +125,7 @@ fault $q "list: equal priorities come last first" 'prev->pri > pri' 'prev->pri >
 
 e=qrnev_enqueue.cpp
 fault $e "enqueue: counts after the append" '    int result = qrn_tl_queue_enqueue(evq->q, ev);
-' '' '    if (kfx::load(evq->attr->q_count) != 0) {
+    if (result' '    if (result' '    if (kfx::load(evq->attr->q_count) != 0) {
         ev->marks' '    int result = qrn_tl_queue_enqueue(evq->q, ev);
     if (kfx::load(evq->attr->q_count) != 0) {
         ev->marks'

@@ -48,9 +48,8 @@ int undo(qrn_event_t *ev, long size)
     return -1;
 }
 
-} // namespace
-
-int append(qrn_event_t *ev, long size)
+// For queues with options or a monitor callback; apart, since most have none.
+[[gnu::noinline]] int append_and_account(qrn_event_t *ev, long size)
 {
     qrn_event_queue_t *evq = ev->evq;
     if (evq->monproc != nullptr || kfx::load(evq->attr->q_age) != 0)
@@ -69,6 +68,19 @@ int append(qrn_event_t *ev, long size)
     if (evq->monproc != nullptr)
         qrn_evq_post_enq_mon_hook(evq);
     return result;
+}
+
+} // namespace
+
+int append(qrn_event_t *ev, long size)
+{
+    const qrn_event_queue_t *evq = ev->evq;
+    if (evq->monproc != nullptr ||
+        (kfx::load(evq->attr->q_age) | kfx::load(evq->attr->q_count)) != 0)
+        return append_and_account(ev, size);
+    probe::enqueue(evq, ev, ev->type);
+    int result = qrn_tl_queue_enqueue(evq->q, ev);
+    return result != -1 ? result : undo(ev, size);
 }
 
 } // namespace qrnev
