@@ -40,7 +40,7 @@ reasons = [
     ("qrnqueue", r"pthread_mutex_init|sem_init|init_locks|eventfd_write|errno != EINTR", system),
     ("qrnqueue", r"sem_trywait\(&q->park|a waker is between|q->credit == 0|fd_readable == 0 \|\||"
                  r"q->owed == 0|somebody_is_parked\(idle\)\) \{|idle - one_parked, std|leave_looking\(q\);|"
-                 r"^if \(next == nullptr\)|segment_of\(q->fresh\)", race),
+                 r"^if \(next == nullptr\)", race),
     ("qrnev.cpp", r"if \(ev == nullptr\)|take_event\(evq\)", race),
     ("qrnev_deliver", r"compare_exchange", race),
     ("qrnev_record", r"batch == nullptr", race),

@@ -124,14 +124,14 @@ fault $q "descriptor: cleared without a look" \
 fault $q "list: equal priorities come last first" 'prev->pri > pri' 'prev->pri >= pri'
 
 e=qrnev_enqueue.cpp
-fault $e "enqueue: counts after the append" '    int result = qrn_tl_queue_enqueue(evq->q, ev);
-    if (result' '    if (result' '    if (kfx::load(evq->attr->q_count) != 0) {
-        ev->marks' '    int result = qrn_tl_queue_enqueue(evq->q, ev);
-    if (kfx::load(evq->attr->q_count) != 0) {
-        ev->marks'
+fault $e "enqueue: counts after the append" '    if (kfx::load(evq->attr->q_count) != 0) [[unlikely]]
+        count_in(ev);
+    probe' '    probe' '    if (result == -1) [[unlikely]]' '    if (kfx::load(evq->attr->q_count) != 0)
+        count_in(ev);
+    if (result == -1)'
 fault $e "enqueue: a failure keeps the total" '            kfx::sub(evq->*g.now, n);
             kfx::sub(evq->*g.tot, n);' '            kfx::sub(evq->*g.now, n);'
-fault $e "enqueue: a failure keeps the size" '        kfx::sub(evq->qsz, size);' '        ;'
+fault $e "enqueue: a failure keeps the size" '        kfx::sub(evq->qsz, entering_size(ev));' '        ;'
 fault $e "enqueue: a failure keeps the descriptor suspended" \
     '        qrn_fd_resume(ev->ctx->fdm, ev->info.io.handle, ev->info.io.ev);
     std::free(ev);' '        ;
@@ -145,7 +145,8 @@ fault $e "enqueue: cancel events decline after shutdown" \
     '    if (is_shut_down(evq))
         return 0;
     qrn_event_t *ev = make_event(evq, QRN_EVQ_CANCEL_TYPE'
-fault $e "enqueue: a bundle sizes as one" 'append(ev, bundle->num_events)' 'append(ev, 1)'
+fault $e "enqueue: a bundle sizes as one" 'size_and_stamp(evq, ev, entering_size(ev))' \
+    'size_and_stamp(evq, ev, 1)'
 fault $e "enqueue: a descriptor is not suspended" '    qrn_fd_suspend(ctx->fdm, handle, ev);' ''
 
 d=qrnev_dispatch.cpp

@@ -146,12 +146,15 @@ kfx_mutex_t refine_lock_ = PTHREAD_MUTEX_INITIALIZER; // serialises improvements
 constinit unsigned refinements_ = 0; // made so far; written under the lock after `factor_`
 constinit uint64_t factor_ = 0;      // microseconds a tick, in units of 2^-64
 
+/* Whether the first pair is old enough at this moment for an improvement after those done. */
+bool may_refine(unsigned done, uint64_t nsec)
+{
+    return nsec - base().first.nsec >= refine_age_nsec[done];
+}
+
 bool refinement_due(unsigned done)
 {
-    if (done == 0)
-        return true;
-    return done < refined &&
-           clock_nsec(CLOCK_MONOTONIC) - base().first.nsec >= refine_age_nsec[done];
+    return done == 0 || (done < refined && may_refine(done, clock_nsec(CLOCK_MONOTONIC)));
 }
 
 void refine()
@@ -172,13 +175,19 @@ void refine()
     kfx::store(refinements_, done + 1, std::memory_order_release);
 }
 
+/* Once there is a factor. */
+uint64_t scale(uint64_t ticks)
+{
+    return static_cast<uint64_t>(static_cast<uint128>(ticks) * kfx::load(factor_) >> 64);
+}
+
 uint64_t ticks_to_usec(uint64_t ticks)
 {
     if (!base().use_counter)
         return ticks / 1000;
     if (refinement_due(kfx::load(refinements_, std::memory_order_acquire)))
         refine();
-    return static_cast<uint64_t>(static_cast<uint128>(ticks) * kfx::load(factor_) >> 64);
+    return scale(ticks);
 }
 
 /* The wall clock as a thread has read it last, and the counter just after. */
@@ -196,7 +205,7 @@ constexpr uint64_t fresh_ticks = 1 << 17;
 {
     const uint64_t nsec = clock_nsec(CLOCK_MONOTONIC);
     const unsigned done = kfx::load(refinements_, std::memory_order_acquire);
-    if (done < refined && nsec - base().first.nsec >= refine_age_nsec[done])
+    if (done < refined && may_refine(done, nsec))
         refine();
     const uint64_t wall = nsec + base().wall_offset_nsec;
     if (base().use_counter && done != 0)
@@ -209,8 +218,7 @@ uint64_t wall_nsec()
     const uint64_t passed = glance_at_counter() - last_reading_.ticks;
     if (passed >= fresh_ticks) [[unlikely]]
         return read_wall();
-    const auto nsec = static_cast<uint128>(passed * 1000) * kfx::load(factor_) >> 64;
-    return last_reading_.nsec + static_cast<uint64_t>(nsec);
+    return last_reading_.nsec + scale(passed * 1000);
 }
 
 } // namespace

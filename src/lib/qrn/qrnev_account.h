@@ -47,7 +47,13 @@ inline bool sizes_events(const queue *evq)
     return evq->monproc != nullptr && kfx::load(evq->attr->q_sz_warn) != 0;
 }
 
-// What an event takes off the size counter when it leaves the queue.
+// What an event adds to the size counter when it enters the queue.
+inline long entering_size(const qrn_event_t *ev)
+{
+    return ev->type == QRN_EVQ_MSG_BUNDLE_TYPE ? ev->info.msg_bundle->num_events : 1;
+}
+
+// What it takes off when it leaves: purges may have thinned a bundle.
 inline long size_of(const qrn_event_t *ev)
 {
     if (ev->type != QRN_EVQ_MSG_BUNDLE_TYPE)

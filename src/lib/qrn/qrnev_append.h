@@ -12,8 +12,8 @@ namespace qrnev {
 qrn_event_t *make_event(qrn_event_queue_t *evq, int type, qrn_context_t *ctx);
 
 // Sizes, stamps and counts the event as the options ask, appends it, notifies. -1 when the append
-// failed: then everything is undone and the record freed. `size` is what a size counter gets.
-int append(qrn_event_t *ev, long size);
+// failed: then everything is undone and the record freed.
+int append(qrn_event_t *ev);
 
 // What the monitor hook of an append does. It checks nothing: the option that called for it may be
 // switched off meanwhile.

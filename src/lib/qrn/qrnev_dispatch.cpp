@@ -147,7 +147,7 @@ private:
     qrn_event_t *ev_;
 };
 
-// What the options of a queue ask for; apart from the loop, which is short without it.
+// For queues with options that ask for it; apart, so that the loop stays short without them.
 [[gnu::noinline]] void age_and_warn(qrn_event_queue_t *evq, qrn_event_t *ev, bool aged)
 {
     undelivered_guard guard(evq, ev);
@@ -160,6 +160,13 @@ private:
     if (evq->monproc != nullptr)
         warn(evq, ev, taken, size);
     guard.dismiss();
+}
+
+void age_and_warn(qrn_event_queue_t *evq, qrn_event_t *ev)
+{
+    bool aged = kfx::load(evq->attr->q_age) != 0;
+    if (aged || evq->monproc != nullptr || was_sized(ev, false)) [[unlikely]]
+        age_and_warn(evq, ev, aged);
 }
 
 int deliver(qrn_event_queue_t *evq, qrn_event_t *ev)
@@ -254,8 +261,7 @@ public:
             qrn_event_delete(ev);
             return;
         }
-        if (kind_of(ev->type).owns)
-            release_owned(ev, 0);
+        release_owned(ev, 0);
         put_record(ev);
     }
 
@@ -358,9 +364,7 @@ private:
         auto *ev = static_cast<qrn_event_t *>(value);
         settle_guard event(evq_, thread_.node(), ev);
         probe::take(evq_, ev, ev->type);
-        bool aged = kfx::load(evq_->attr->q_age) != 0;
-        if (aged || evq_->monproc != nullptr || was_sized(ev, false))
-            age_and_warn(evq_, ev, aged);
+        age_and_warn(evq_, ev);
         int result = deliver(evq_, ev);
         probe::delivered(evq_, ev, ev->type, result);
         failed_ = result == -1;
@@ -409,5 +413,5 @@ int qrn_event_dispatch_unblock(qrn_event_queue_t *evq)
     }
     qrn_event_t *ev = make_event(evq, QRN_EVQ_UNBLOCK_TYPE, nullptr);
     KFX_TRACE(KFX_DBG_EVENT, "evq %p enq UNBLOCK\n", static_cast<void *>(evq));
-    return append(ev, 1);
+    return append(ev);
 }

@@ -32,7 +32,7 @@ qrn_event_t *make_event(qrn_event_queue_t *evq, int type, qrn_context_t *ctx)
 namespace {
 
 // Takes back what append() and a suspension did. The payload stays with the caller.
-int undo(qrn_event_t *ev, long size)
+int undo(qrn_event_t *ev)
 {
     qrn_event_queue_t *evq = ev->evq;
     if ((ev->marks & mark_counted) != 0)
@@ -41,46 +41,40 @@ int undo(qrn_event_t *ev, long size)
             kfx::sub(evq->*g.tot, n);
         });
     if ((ev->marks & mark_sized) != 0)
-        kfx::sub(evq->qsz, size);
+        kfx::sub(evq->qsz, entering_size(ev));
     if (ev->type == QRN_EVQ_IO_TYPE)
         qrn_fd_resume(ev->ctx->fdm, ev->info.io.handle, ev->info.io.ev);
     std::free(ev);
     return -1;
 }
 
-// For queues with options or a monitor callback; apart, since most have none.
-[[gnu::noinline]] int append_and_account(qrn_event_t *ev, long size)
+// Apart, since most queues do not count.
+[[gnu::noinline]] void count_in(qrn_event_t *ev)
 {
     qrn_event_queue_t *evq = ev->evq;
-    if (evq->monproc != nullptr || kfx::load(evq->attr->q_age) != 0)
-        size_and_stamp(evq, ev, size);
-    if (kfx::load(evq->attr->q_count) != 0) {
-        ev->marks |= mark_counted;
-        for_each_count(ev, [evq](const group &g, long n) {
-            kfx::add(evq->*g.now, n);
-            kfx::add(evq->*g.tot, n);
-        });
-    }
-    probe::enqueue(evq, ev, ev->type);
-    int result = qrn_tl_queue_enqueue(evq->q, ev);
-    if (result == -1)
-        return undo(ev, size);
-    if (evq->monproc != nullptr)
-        qrn_evq_post_enq_mon_hook(evq);
-    return result;
+    ev->marks |= mark_counted;
+    for_each_count(ev, [evq](const group &g, long n) {
+        kfx::add(evq->*g.now, n);
+        kfx::add(evq->*g.tot, n);
+    });
 }
 
 } // namespace
 
-int append(qrn_event_t *ev, long size)
+int append(qrn_event_t *ev)
 {
-    const qrn_event_queue_t *evq = ev->evq;
-    if (evq->monproc != nullptr ||
-        (kfx::load(evq->attr->q_age) | kfx::load(evq->attr->q_count)) != 0)
-        return append_and_account(ev, size);
+    qrn_event_queue_t *evq = ev->evq;
+    if (evq->monproc != nullptr || kfx::load(evq->attr->q_age) != 0) [[unlikely]]
+        size_and_stamp(evq, ev, entering_size(ev));
+    if (kfx::load(evq->attr->q_count) != 0) [[unlikely]]
+        count_in(ev);
     probe::enqueue(evq, ev, ev->type);
     int result = qrn_tl_queue_enqueue(evq->q, ev);
-    return result != -1 ? result : undo(ev, size);
+    if (result == -1) [[unlikely]]
+        return undo(ev);
+    if (evq->monproc != nullptr) [[unlikely]]
+        qrn_evq_post_enq_mon_hook(evq);
+    return result;
 }
 
 } // namespace qrnev
@@ -112,7 +106,7 @@ int qrn_evq_enq_msg_with_proc(qrn_event_queue_t *evq, qrn_rcv_t *rcv, qrn_rcv_cb
     ev->info.msg = {rcv, msg, clientd, proc};
     KFX_TRACE(KFX_DBG_EVENT, "evq %p enq MSG rcv %p msg %p proc %p\n", ptr(evq), ptr(rcv), ptr(msg),
               code(proc));
-    return append(ev, 1);
+    return append(ev);
 }
 
 int qrn_evq_enq_msg_bundle(qrn_event_queue_t *evq, qrn_event_bundle_t *bundle)
@@ -125,7 +119,7 @@ int qrn_evq_enq_msg_bundle(qrn_event_queue_t *evq, qrn_event_bundle_t *bundle)
     ev->info.msg_bundle = bundle;
     KFX_TRACE(KFX_DBG_EVENT, "evq %p enq MSG BUNDLE ctx %p [%d msgs]\n", ptr(evq), ptr(bundle->ctx),
               bundle->num_events);
-    return append(ev, bundle->num_events);
+    return append(ev);
 }
 
 int qrn_evq_enq_wrcv_msg(qrn_event_queue_t *evq, qrn_wildcard_rcv_t *wrcv, qrn_msg_t *msg)
@@ -138,7 +132,7 @@ int qrn_evq_enq_wrcv_msg(qrn_event_queue_t *evq, qrn_wildcard_rcv_t *wrcv, qrn_m
     qrn_event_t *ev = make_event(evq, QRN_EVQ_WRCV_MSG_TYPE, wrcv->ctx);
     ev->info.wrcv_msg = {wrcv, msg, wrcv->cd, wrcv->rcvproc};
     KFX_TRACE(KFX_DBG_EVENT, "evq %p enq WRCV MSG rcv %p msg %p\n", ptr(evq), ptr(wrcv), ptr(msg));
-    return append(ev, 1);
+    return append(ev);
 }
 
 int qrn_evq_enq_wrcv_msg_with_proc(qrn_event_queue_t *evq, qrn_wildcard_rcv_t *wrcv,
@@ -153,7 +147,7 @@ int qrn_evq_enq_wrcv_msg_with_proc(qrn_event_queue_t *evq, qrn_wildcard_rcv_t *w
     ev->info.wrcv_msg = {wrcv, msg, clientd, proc};
     KFX_TRACE(KFX_DBG_EVENT, "evq %p enq WRCV MSG rcv %p msg %p proc %p\n", ptr(evq), ptr(wrcv),
               ptr(msg), code(proc));
-    return append(ev, 1);
+    return append(ev);
 }
 
 int qrn_evq_enq_timer(qrn_event_queue_t *evq, qrn_context_t *ctx, int id, void *clientd,
@@ -167,7 +161,7 @@ int qrn_evq_enq_timer(qrn_event_queue_t *evq, qrn_context_t *ctx, int id, void *
     qrn_event_t *ev = make_event(evq, QRN_EVQ_TIMER_TYPE, ctx);
     ev->info.timer = {clientd, id, ctx->timer, proc, recurring};
     KFX_TRACE(KFX_DBG_EVENT, "evq %p enq TIMER id %u\n", ptr(evq), static_cast<unsigned>(id));
-    return append(ev, 1);
+    return append(ev);
 }
 
 int qrn_evq_enq_io(qrn_event_queue_t *evq, qrn_context_t *ctx, qrn_handle_t handle, qrn_ulong_t ev,
@@ -183,7 +177,7 @@ int qrn_evq_enq_io(qrn_event_queue_t *evq, qrn_context_t *ctx, qrn_handle_t hand
     qrn_fd_suspend(ctx->fdm, handle, ev); // until the event's disposal, so it is not queued twice
     KFX_TRACE(KFX_DBG_EVENT, "evq %p enq IO handle %d ev 0x%x\n", ptr(evq), handle,
               static_cast<unsigned>(ev));
-    return append(event, 1);
+    return append(event);
 }
 
 int qrn_evq_enq_src(qrn_event_queue_t *evq, qrn_src_t *src, int event, void *clientd, void *eventd,
@@ -197,7 +191,7 @@ int qrn_evq_enq_src(qrn_event_queue_t *evq, qrn_src_t *src, int event, void *cli
     qrn_event_t *ev = make_event(evq, QRN_EVQ_SRC_TYPE, src->ctx);
     ev->info.src = {src, event, clientd, eventd, reclaim_ed, proc};
     KFX_TRACE(KFX_DBG_EVENT, "evq %p enq SRC src %p event %d\n", ptr(evq), ptr(src), event);
-    return append(ev, 1);
+    return append(ev);
 }
 
 int qrn_evq_enq_ctx_src(qrn_event_queue_t *evq, qrn_context_t *ctx, int event, void *clientd,
@@ -211,7 +205,7 @@ int qrn_evq_enq_ctx_src(qrn_event_queue_t *evq, qrn_context_t *ctx, int event, v
     qrn_event_t *ev = make_event(evq, QRN_EVQ_CTX_SRC_TYPE, ctx);
     ev->info.ctx_src = {event, clientd, eventd, reclaim_ed, proc};
     KFX_TRACE(KFX_DBG_EVENT, "evq %p enq CTX SRC ctx %p event %d\n", ptr(evq), ptr(ctx), event);
-    return append(ev, 1);
+    return append(ev);
 }
 
 int qrn_evq_enq_req(qrn_event_queue_t *evq, qrn_request_t *req, qrn_msg_t *msg)
@@ -224,7 +218,7 @@ int qrn_evq_enq_req(qrn_event_queue_t *evq, qrn_request_t *req, qrn_msg_t *msg)
     qrn_event_t *ev = make_event(evq, QRN_EVQ_REQUEST_TYPE, req->ctx);
     ev->info.req = {req, msg, req->clientd, req->proc};
     KFX_TRACE(KFX_DBG_EVENT, "evq %p enq REQUEST req %p msg %p\n", ptr(evq), ptr(req), ptr(msg));
-    return append(ev, 1);
+    return append(ev);
 }
 
 int qrn_evq_enq_imsg(qrn_event_queue_t *evq, qrn_context_t *ctx, qrn_msg_t *msg, void *clientd,
@@ -239,7 +233,7 @@ int qrn_evq_enq_imsg(qrn_event_queue_t *evq, qrn_context_t *ctx, qrn_msg_t *msg,
     ev->info.imsg = {msg, clientd, proc};
     KFX_TRACE(KFX_DBG_EVENT, "evq %p enq DIRECTED MSG ctx %p msg %p\n", ptr(evq), ptr(ctx),
               ptr(msg));
-    return append(ev, 1);
+    return append(ev);
 }
 
 int qrn_evq_enq_cancel(qrn_event_queue_t *evq, qrn_context_t *ctx, void *obj)
@@ -248,7 +242,7 @@ int qrn_evq_enq_cancel(qrn_event_queue_t *evq, qrn_context_t *ctx, void *obj)
     qrn_event_t *ev = make_event(evq, QRN_EVQ_CANCEL_TYPE, ctx);
     ev->info.cancel = {obj, 1};
     KFX_TRACE(KFX_DBG_EVENT, "evq %p enq CANCEL %p\n", ptr(evq), obj);
-    return append(ev, 1);
+    return append(ev);
 }
 
 int qrn_evq_enq_callback(qrn_event_queue_t *evq, qrn_evq_cb_proc proc, qrn_evq_cb_proc delproc,
@@ -259,5 +253,5 @@ int qrn_evq_enq_callback(qrn_event_queue_t *evq, qrn_evq_cb_proc proc, qrn_evq_c
     ev->info.callback = {proc, delproc, clientd};
     KFX_TRACE(KFX_DBG_EVENT, "evq %p enq CALLBACK %p proc %p delproc %p clientd %p\n", ptr(evq),
               ptr(ev), code(proc), code(delproc), clientd);
-    return append(ev, 1);
+    return append(ev);
 }

@@ -129,13 +129,11 @@ inline constexpr group groups[group_count] = {
 
 inline constexpr const triple &ages = groups[all_group].svc;
 
-// What a type code stands for: the group its events are counted in, where it keeps a message, and whether
-// an event that was delivered may still own something.
+// What a type code stands for: the group its events are counted in, and where it keeps a message.
 struct kind {
     int group =
         -1; // a bundle's messages are counted, not the bundle; an unknown type is not counted
     qrn_msg_t *(*message)(const qrn_event_t &) = nullptr;
-    bool owns = false;
 };
 
 inline constexpr int last_type = QRN_EVQ_MSG_BUNDLE_TYPE;
@@ -144,14 +142,14 @@ inline constexpr kind kinds[last_type + 1] = {
     {}, // 0 is no type
     {data_group, [](const qrn_event_t &ev) { return ev.info.msg.msg; }},
     {timer_group},
-    {io_group, nullptr, true},
-    {source_group, nullptr, true},
+    {io_group},
+    {source_group},
     {resp_group, [](const qrn_event_t &ev) { return ev.info.req.msg; }},
     {unblock_group},
     {imsg_group, [](const qrn_event_t &ev) { return ev.info.imsg.msg; }},
     {wrcv_group, [](const qrn_event_t &ev) { return ev.info.wrcv_msg.msg; }},
-    {cancel_group, nullptr, true},
-    {ctx_source_group, nullptr, true},
+    {cancel_group},
+    {ctx_source_group},
     {callback_group},
     {}, // bundle
 };
