@@ -222,9 +222,8 @@ fault $p "purge: a bundle goes with the other kind's messages" \
 fault $p "purge: readiness must be the same" '(q.info.io.ev & k.info.io.ev) != 0' 'q.info.io.ev == k.info.io.ev'
 fault $p "purge: a response keeps its message" \
     '    release_undelivered(static_cast<const qrn_event_t *>(outbuff));' '    ;'
-fault $p "purge: an emptied event ends before it is unlinked" \
-    '        state->emptied = static_cast<event *>(const_cast<void *>(elem));' \
-    '        qrn_event_delete_ex(static_cast<event *>(const_cast<void *>(elem)), 0);'
+fault $p "purge: an emptied event keeps its record" \
+    '        qrn_event_delete_ex(static_cast<event *>(const_cast<void *>(elem)), 0);' '        ;'
 fault $p "purge: timers also where they stay" 'if (node->q->attr->q_purge_on_close != 0)' 'if (node->q != nullptr)'
 
 v=qrnev.cpp

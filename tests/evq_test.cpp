@@ -63,7 +63,8 @@ using EvqTest = EventFixture;
 
 TEST_F(EvqTest, ErrorsOfNullArgumentsAreRecorded)
 {
-    Queue q;
+    Queue q, shut;
+    EXPECT_EQ(qrn_event_queue_shutdown(shut), 0);
     qrn_event_queue_stats_t stats;
     qrn_event_queue_attr_t *attr = q->attr;
     qrn_config_option_t entry;
@@ -94,6 +95,8 @@ TEST_F(EvqTest, ErrorsOfNullArgumentsAreRecorded)
         {400, evq, [&] { return qrn_event_queue_monitor(controller, nullptr); }},
         {401, sctl, [&] { return qrn_event_queue_unmonitor(nullptr, q); }},
         {402, evq, [&] { return qrn_event_queue_unmonitor(controller, nullptr); }},
+        {403, valid, [] { return qrn_event_queue_fd(nullptr); }},
+        {404, "evq is shut down", [&] { return qrn_event_queue_fd(shut); }},
         {406, valid, [&] { return qrn_event_queue_retrieve_warnings(nullptr, {}, {}); }},
     };
     log_state.dmask = KFX_DBG_API;

@@ -144,6 +144,7 @@ TEST_F(FaultTest, DescriptorsRunOut)
     setrlimit(RLIMIT_NOFILE, &none);
     expect_made(false);
     EXPECT_EQ(qrn_event_queue_fd(queue), -1);
+    EXPECT_STREQ(qrn_errmsg(), "CoreApi-5688-405: no event descriptor [24] [Too many open files]");
     setrlimit(RLIMIT_NOFILE, &limit);
     expect_made(true);
     EXPECT_GE(qrn_event_queue_fd(queue), 0);

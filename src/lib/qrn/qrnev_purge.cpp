@@ -4,9 +4,8 @@
 // blocking queue removes them.
 //
 // Messages of receivers may also sit in bundles, which are thinned in place: an entry without a context
-// is empty. So receivers are purged by a filter, which releases what it takes out of an event; the
-// records of the events it empties are collected and freed once the pass has unlinked them. The other
-// objects are purged by removal.
+// is empty. So receivers are purged by a filter, which releases what it takes out of an event; the purge
+// ends the records of the events that it empties. The other objects are purged by removal.
 //
 // A pass excludes takers, so an event is either removed here or delivered, never both. What the passes
 // run - releases, delete procedures, resumed descriptors - may enqueue.
@@ -292,37 +291,20 @@ int qrn_evq_purge_wrcv_filter(const void *elem, const void *clientd, int *remove
 
 namespace {
 
-// A receiver's template, and the record that the pass is about to unlink. A record is freed when the
-// pass comes to the next event, or when it is over: until then the list still names it.
-struct filter_state {
-    event key;
-    qrn_tl_queue_filter_proc filter;
-    event *emptied = nullptr;
-
-    void dispose()
-    {
-        if (emptied != nullptr)
-            qrn_event_delete_ex(emptied, 0);
-        emptied = nullptr;
-    }
-};
-
-int filter_and_collect(const void *elem, const void *clientd, int *remove)
+// The same as a pass over a queue runs it; ends the record of an event that was emptied.
+template <qrn_tl_queue_filter_proc filter>
+int filter_and_end(const void *elem, const void *clientd, int *remove)
 {
-    auto *state = static_cast<filter_state *>(const_cast<void *>(clientd));
-    state->dispose();
-    state->filter(elem, &state->key, remove);
+    filter(elem, clientd, remove);
     if (*remove != 0)
-        state->emptied = static_cast<event *>(const_cast<void *>(elem));
+        qrn_event_delete_ex(static_cast<event *>(const_cast<void *>(elem)), 0);
     return 0;
 }
 
-int filter_all(qrn_event_queue_t *evq, qrn_tl_queue_filter_proc proc, const event &key)
+template <qrn_tl_queue_filter_proc filter>
+int filter_all(qrn_event_queue_t *evq, event key)
 {
-    filter_state state{key, proc};
-    int result = qrn_tl_queue_filter_all(evq->q, filter_and_collect, &state);
-    state.dispose();
-    return result;
+    return qrn_tl_queue_filter_all(evq->q, filter_and_end<filter>, &key);
 }
 
 } // namespace
@@ -333,14 +315,14 @@ int qrn_evq_purge_rcv(qrn_event_queue_t *evq, qrn_rcv_t *rcv)
 {
     KFX_ASSERT(evq != nullptr, "evq!=NULL");
     KFX_ASSERT(rcv != nullptr, "rcv!=NULL");
-    return filter_all(evq, qrn_evq_purge_rcv_filter, rcv_template(rcv));
+    return filter_all<qrn_evq_purge_rcv_filter>(evq, rcv_template(rcv));
 }
 
 int qrn_evq_purge_wrcv(qrn_event_queue_t *evq, qrn_wildcard_rcv_t *wrcv)
 {
     KFX_ASSERT(evq != nullptr, "evq!=NULL");
     KFX_ASSERT(wrcv != nullptr, "wrcv!=NULL");
-    return filter_all(evq, qrn_evq_purge_wrcv_filter, wrcv_template(wrcv));
+    return filter_all<qrn_evq_purge_wrcv_filter>(evq, wrcv_template(wrcv));
 }
 
 int qrn_evq_purge_timer(qrn_event_queue_t *evq, qrn_context_t *ctx, int id)
