@@ -294,7 +294,7 @@ runs() {
     GTEST_FAIL_FAST=1 timeout -k 5 $seconds "${start[@]}" >$work/test.log 2>&1 || status=$?
     [ $status -ne 0 ] || return 0
     test=$(sed -nE 's/^\[  FAILED  \] ([^ ,]+).*/\1/p' $work/test.log | head -n 1)
-    [ -n "$test" ] || test=$(sed -n 's/^\[ RUN      \] //p' $work/test.log | tail -n 1)
+    [ -n "$test" ] || test=$(sed -n '/Sanitizer:/q; s/^\[ RUN      \] //p' $work/test.log | tail -n 1)
     [ $status -ne 124 ] || test+=" hangs"
     echo "$2${test:+: $test}$([ "$1" = plain ] || echo " ($1 sanitizer)")"
     return 1

@@ -127,6 +127,20 @@ TEST_F(EnqueueTest, EveryTypeMeetsEveryFate)
                 expect_end(tracking, type, static_cast<fate>(end));
 }
 
+// A delete procedure that a shutdown runs finds the queue shut down.
+TEST_F(EnqueueTest, ShutdownDeclinesWhatItsDeleteProceduresEnqueue)
+{
+    Queue queue("count");
+    const auto enqueues = [](qrn_event_queue_t *evq, void *w) {
+        EXPECT_EQ(static_cast<World *>(w)->enqueue(evq, MSG), 0);
+    };
+    ASSERT_EQ(qrn_evq_enq_callback(queue, nullptr, enqueues, &world), 0);
+    EXPECT_EQ(qrn_event_queue_shutdown(queue), 0);
+    ASSERT_EQ(queue->data_msgs_tot, 0);
+    world.drop(MSG);
+    EXPECT_EQ(done.take(), world.delivered(MSG, false));
+}
+
 // Calls the operation with each of the pointers missing in turn: each is a fatal check.
 template <class... Args>
 void need_each(int (*op)(Args...), std::type_identity_t<Args>... args)

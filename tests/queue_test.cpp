@@ -89,6 +89,16 @@ TEST_F(QueueTest, PassesTakeOutWhatMatchesAndKeepTheRestInOrder)
             }
 }
 
+// An item is out of the queue before its callback runs.
+TEST_F(QueueTest, CallbackThatThrowsEndsThePass)
+{
+    put(1, 3);
+    unsigned long both = 6;
+    const auto throws = [](const void *item) -> int { throw number(item); };
+    EXPECT_THROW(qrn_tl_queue_remove_all(q, bit_cmp, throws, &both), long);
+    EXPECT_EQ(drain(), (numbers{2, 3}));
+}
+
 // Wherever its nodes end in a segment, and when the last ones were removed: the leak checker looks.
 TEST_F(QueueTest, DeletionFreesEverySegment)
 {
