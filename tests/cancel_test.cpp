@@ -107,18 +107,18 @@ TEST_F(CancelTest, ObjectMayBeDeletedInsideItsOwnCallback)
 {
     const auto throws = [](int, void *) { throw 1; };
     for (const kind &k : kinds)
-        for (int way : {0, 1, 2}) {
+        for (unsigned way : {0U, 1U, 2U, 3U}) {
             Queue queue("cancel count");
             world.act = [&](int) {
                 cancel(world, k, {queue, on_cancel, first});
-                cancel(world, k, {queue, way == 1 ? throws : on_cancel, second});
-                cancel(world, k, {queue, on_cancel, second});
+                cancel(world, k, {queue, way % 2 ? throws : on_cancel, second});
+                cancel(world, k, {queue, way == 3 ? throws : on_cancel, second});
                 EXPECT_EQ(cancelled.take(), strings{});
                 return way == 2 ? throw 1 : 0;
             };
             ASSERT_EQ(world.enqueue(queue, k.type), 0);
             EXPECT_EQ(dispatch(queue), way == 0 ? 1 : threw);
-            strings expected(way == 1 ? 2 : 3, "second 1");
+            strings expected(std::array{3U, 2U, 3U, 1U}[way], "second 1");
             expected[0] = "first 1";
             EXPECT_EQ(cancelled.take(), expected);
             EXPECT_EQ(queue->thrd_tail.next, &queue->thrd_head);

@@ -253,6 +253,51 @@ TEST_P(ContextTest, BundlesFillInOrderAndLoseWhatIsDeleted)
     EXPECT_EQ(told[0], cancels ? 2 : 0);
 }
 
+// What is deleted inside a bundle gets none of the rest; a bundle that was begun ends with the use of
+// its queue.
+TEST_P(ContextTest, BundlesReachNobodyThatIsGone)
+{
+    for (const int how : {0, 1}) {
+        test::Queue queue(GetParam());
+        Context ctx(qrn_ctx_run_bundle);
+        O a{ctx, queue}, b{ctx, queue};
+        ASSERT_EQ(kinds[0].make(a) | kinds[0].make(b) | kinds[1].make(b) | kinds[1].make(a),
+                  QRN_OK);
+        inside = [&] { // of the first
+            for (int k = 0; k < 2; ++k)
+                EXPECT_EQ(kinds[k].end(a, cancel) | kinds[k].end(b, cancel), QRN_OK);
+        };
+        EXPECT_EQ(deliver(ctx, "t"), 4);
+        EXPECT_EQ(qrn_ctx_flush(ctx), QRN_OK);
+        drain(queue);
+        EXPECT_EQ(calls, 1);
+        O late{ctx, queue};
+        ASSERT_EQ(kinds[0].make(late), QRN_OK);
+        EXPECT_EQ(deliver(ctx, "t"), 1);
+        how == 0 ? qrn_ctx_detach(ctx, queue) : qrn_event_queue_shutdown(queue);
+        EXPECT_EQ(qrn_ctx_flush(ctx), how == 0 ? QRN_OK : QRN_FAILURE);
+    }
+}
+
+TEST_P(ContextTest, BindsOneSideOnce)
+{
+    test::Queue queue(GetParam());
+    Context ctx;
+    O o{ctx, queue};
+    const auto bind = [&] { return qrn_ctx_bind_immediate(ctx, queue, on, nullptr); };
+    EXPECT_EQ(deliver(ctx, nullptr), 0);
+    EXPECT_EQ(o.raise() + kinds[6].end(o, cancel) + kinds[3].end(o, cancel), 3 * QRN_FAILURE);
+    EXPECT_EQ(qrn_ctx_unbind_immediate(ctx), QRN_FAILURE);
+    EXPECT_EQ(kinds[6].make(o), QRN_OK);
+    EXPECT_EQ(kinds[6].end(o, cancel), QRN_OK);
+    EXPECT_EQ(kinds[6].make(o), QRN_FAILURE) << "once a context";
+    EXPECT_EQ(bind() + bind(), QRN_FAILURE) << "the second";
+    ASSERT_EQ(deliver(ctx, nullptr) + o.schedule(0), 1);
+    EXPECT_EQ(qrn_ctx_unbind_immediate(ctx), QRN_OK);
+    while (qrn_event_dispatch(queue, 1'000) < 1) // the timer's event stays
+        ;
+}
+
 INSTANTIATE_TEST_SUITE_P(Queues, ContextTest, testing::Values("", "cancel", "purge=0"));
 
 } // namespace

@@ -41,7 +41,7 @@ TEST_F(DeliverTest, LatencyIsStampedOnSampledMessages)
         const bool stamped = every != 0 && world.sequence % every == 0 && !notice;
         ASSERT_EQ(world.enqueue(queue, std::array{MSG, WRCV, REQ, IMSG}[i % 4]), 0);
         auto *msg = qrn_msg_retain(static_cast<qrn_msg_t *>(world.payload));
-        msg->type = notice ? QRN_MSG_TYPE_NOTICE : QRN_MSG_TYPE_DATA;
+        msg->type = notice ? QRN_MSG_TYPE_NOTICE : std::array{0, 2, 3}[i / 4 % 3];
         msg->flags = again ? 0x1200 : 0x1000;
         EXPECT_EQ(dispatch(queue), 1);
         EXPECT_EQ(msg->flags, stamped || again ? 0x1200 : 0x1000) << i;

@@ -125,6 +125,11 @@ TEST_F(EnqueueTest, EveryTypeMeetsEveryFate)
         for (int type = MSG; type <= BUNDLE; ++type)
             for (int end = PLAIN; end <= REFUSED; ++end)
                 expect_end(tracking, type, static_cast<fate>(end));
+    Queue queue; // without any figure
+    append_fails = true;
+    EXPECT_EQ(world.enqueue(queue, MSG), -1);
+    append_fails = false;
+    world.drop(MSG);
 }
 
 // A delete procedure that a shutdown runs finds the queue shut down.
@@ -136,7 +141,9 @@ TEST_F(EnqueueTest, ShutdownDeclinesWhatItsDeleteProceduresEnqueue)
     };
     ASSERT_EQ(qrn_evq_enq_callback(queue, nullptr, enqueues, &world), 0);
     EXPECT_EQ(qrn_event_queue_shutdown(queue), 0);
-    ASSERT_EQ(queue->data_msgs_tot, 0);
+    auto *msg = static_cast<qrn_msg_t *>(world.payload);
+    EXPECT_EQ(qrn_evq_enq_wrcv_msg_with_proc(queue, &world.wrcv, world.on<WRCV>, msg, nullptr), 0);
+    ASSERT_EQ(queue->data_msgs_tot + queue->wrcv_msgs_tot, 0);
     world.drop(MSG);
     EXPECT_EQ(done.take(), world.delivered(MSG, false));
 }
@@ -190,6 +197,9 @@ TEST_F(EnqueueTest, MissingArgumentsAreReported)
         fails("cbinfo->cbproc!=NULL", [&] { k.cancel(w.object(k.type), &blank); });
     }
     EXPECT_EQ(checks.take(), strings(std::size(kinds), "cbinfo->event_queue->attr->q_cancel_cb"));
+    EXPECT_EQ(qrn_evq_enq_mon_hook(queue, &ev, 1) + qrn_evq_post_enq_mon_hook(queue), 0);
+    EXPECT_EQ(checks.take(),
+              (strings{"evq->monproc!=NULL||evq->attr->q_age!=0", "evq->monproc!=NULL"}));
     qrn_msg_t msg{};
     qrn_event_bundle_t bundle{};
     qrn_evq_dispatch_thrd_node_t node{};

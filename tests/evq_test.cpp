@@ -160,6 +160,10 @@ TEST_F(EvqTest, AutomaticMonitoringLastsAsLongAsTheQueue)
     }
     EXPECT_EQ(asked.take(),
               (strings{"create 0 host=h", "monitor 0x10 app 60", "unmonitor 0x20", "destroy"}));
+    Queue given_up("monitor=60 topts=host=h appid=app");
+    EXPECT_EQ(qrn_event_queue_unmonitor(given_up->mon_sctl, given_up), 0);
+    given_up.end();
+    EXPECT_EQ(asked.take(), (strings{"create 1 host=h", "monitor 0x10 app 60"}));
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The descriptor manager, without queues: what would be enqueued is recorded.
+#include <fcntl.h>
 #include <functional>
 #include <map>
 #include <sys/socket.h>
@@ -93,6 +94,20 @@ INSTANTIATE_TEST_SUITE_P(
         "ready watch1 poll1 unwatch1 watch1 poll resume1 poll1 unwatch1 resume1 poll",
         "watch1 ready full0 poll1 poll1 full1 poll1 poll",
         "watch1 !watch1 !watch0 !watch8 ready poll1"));
+
+TEST_F(Descriptors, ThatDoNotExistAreRefused)
+{
+    for (qrn_fd_t *of : {fdm, static_cast<qrn_fd_t *>(nullptr)})
+        for (const int handle : {-1, ends[0], 1'000'000})
+            EXPECT_EQ(qrn_fd_suspend(of, handle, 1) + qrn_fd_resume(of, handle, 1), -2);
+    EXPECT_EQ(qrn_fd_watch(fdm, -1, 1, evq, callback, nullptr), -1);
+    EXPECT_EQ(steps.at("watch")(1) - steps.at("unwatch")(8), 1);
+    EXPECT_EQ(qrn_fd_watched_on(fdm, ends[0], 2), nullptr);
+    const int file = open("/dev/null", O_RDONLY); // which no epoll takes
+    EXPECT_EQ(qrn_fd_watch(fdm, file, 1, evq, callback, nullptr), -1);
+    EXPECT_EQ(qrn_fd_watched_on(fdm, file, 1), nullptr);
+    EXPECT_EQ(close(file), 0);
+}
 
 TEST_F(Descriptors, AreNotLostToRacingPairsAndWakeUps)
 {

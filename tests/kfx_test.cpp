@@ -36,6 +36,17 @@ TEST(Kfx, ChecksLinesAndTracesReachWhatIsInstalled)
                              "line 6 " + std::string(4095, 'x'), "line 7 n 1\n"}));
 }
 
+TEST(Kfx, LinesGoToTheStandardErrorUntilASinkIsInstalled)
+{
+    testing::internal::CaptureStderr();
+    for (const char *line : {"one", "two\n", ""})
+        kfx_logf(KFX_LOG_INFO, "%s", line);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "one\ntwo\n\n");
+    char buf[] = "xxxx";
+    EXPECT_TRUE(kfx_snprintf(buf, 0, "a") == 0 && kfx_snprintf(buf, 3, "abc") == 2);
+    EXPECT_STREQ(buf, "ab");
+}
+
 TEST(KfxDeathTest, AFatalReportAbortsWithItsText)
 {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
@@ -118,6 +129,7 @@ TEST(Message, KeepsWhatItIsMadeOfUntilItsLastReferenceAndReportsThatOnceUnlessDi
             qrn_msg_create(QRN_MSG_TYPE_DATA, topic.data(), payload.data(), payload.size(), 77);
         topic = payload = "x";
         EXPECT_EQ(qrn_msg_topic(msg), std::string(len, 't'));
+        EXPECT_EQ(qrn_msg_retrieve_internal_field_ptr(msg, 0), nullptr);
         size_t size = 99;
         const auto *bytes = static_cast<const char *>(qrn_msg_payload(msg, &size));
         EXPECT_EQ(std::string(bytes, size + 1), std::string(len + 1, '\0')) << "and a last NUL";

@@ -238,6 +238,7 @@ TEST_P(options_test, texts)
         {queue_name, text_set, longest, 0, "", longest},
         {queue_name, text_set, longest + "n", 0, message(378), ""},
         {queue_name, text_set, "\xE9", 0, message(374), ""},
+        {queue_name, text_set, "a-B_9", 0, "", "a-B_9"},
         {queue_name, typed_set, "n.n", 128, message(374), ""},
         {queue_name, typed_set, "a-B_9", 129, message(375), ""},
         {queue_name, typed_set, any, 0, "", any}, // only the length that is given is judged
@@ -288,6 +289,9 @@ TEST_P(options_test, names_are_in_any_case_and_no_text_reads_as_empty)
     for (const operation get : {typed_get, text_get})
         for (const int option : {opts, appid, queue_name, data})
             expect_get(rows[option], get, 5, 0, option < queue_name ? 5 : 0, "\0"s);
+    for (const int option : {opts, appid, queue_name, data})
+        expect_get(rows[option], typed_get, 0, option == queue_name ? 381 : 0, 0, "");
+    EXPECT_EQ(QRN_OK, call(text_set, rows[0].name, std::string("3").data(), nullptr));
 }
 
 TEST_P(options_test, copies_are_deep_and_complete)
@@ -313,6 +317,8 @@ TEST_F(options, handlers_refuse_null)
     const auto &bytes_of = qrn_event_queue_attr_opt_table[data];
     const std::pair<int, std::function<int()>> rows_of[] = {
         {373, [] { return qrn_event_queue_validate_name(nullptr); }},
+        {374, [] { return qrn_event_queue_validate_name("n.n"); }},
+        {0, [] { return qrn_event_queue_validate_name("n-n"); }},
         {376, [&] { return name.set(attr, nullptr, 128); }},
         {377, [&] { return name.sset(attr, nullptr); }},
         {379, [&] { return name.get(attr, nullptr, nullptr); }},
@@ -339,6 +345,8 @@ TEST_F(options, dump_gives_every_option_that_fits)
         EXPECT_EQ(what("event_queue", rows[i == 11 ? size_t{data} : i].name, values[i]),
                   what(entries[i].type, entries[i].oname, entries[i].val));
     EXPECT_EQ(message(382), qrn_errmsg()); // of the last that was left out
+    EXPECT_EQ(QRN_OK, qrn_event_queue_dump(queue, &(size = 3), entries));
+    EXPECT_EQ(3, size);
 }
 
 // The interval stands first, and what follows it.
@@ -349,6 +357,7 @@ TEST_F(options, defaults_and_the_environment_fill_every_field)
         {"INTERVAL", "0x10", "16 1 0 0 none none"},
         {"INTERVAL", "abc", "0 1 0 0 none none"},
         {"TRANSPORT", "QRNSNMP", "0 2 0 0 none none"},
+        {"TRANSPORT", "other", "0 1 0 0 none none"},
         {"TRANSPORT_OPTS", "\"quoted\"", "0 1 0 0 \"quoted\" none"},
         {"APPID", "%s", "0 1 0 0 none %s"},
     };

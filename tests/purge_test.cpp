@@ -126,6 +126,18 @@ TEST_F(PurgeTest, RandomQueuesKeepExactlyWhatRefersToOtherObjects)
     }
 }
 
+TEST_F(PurgeTest, RemovalReleasesAMessage)
+{
+    Queue queue("count size=1");
+    for (int type : {MSG, WRCV}) {
+        ASSERT_EQ(world.enqueue(queue, type), 0);
+        const auto all = [](const void *, const void *) { return 0; };
+        EXPECT_EQ(qrn_tl_queue_remove_all(queue->q, all, qrn_evq_purge_rem, nullptr), 0);
+        EXPECT_EQ(done.take(), strings{});
+        EXPECT_TRUE(counts_of(queue) == counts{} && queue->qsz == 0 && qrn_msg_live() == 0);
+    }
+}
+
 // The newest first, also when others went away; timers stay where objects are not purged on close.
 TEST_F(PurgeTest, QueuesOfTheWholeRegistryArePurged)
 {

@@ -119,9 +119,22 @@ TEST_F(Timers, AnExpiryThatIsNotEnqueuedIsTriedAgainOrDropped)
     }
 }
 
+TEST_F(Timers, MomentsAreNormalizedToWholeMicroseconds)
+{
+    for (const long usec : {-2'000'001L, -1L, 0L, 999'999L, 3'000'000L}) {
+        timeval tv = {5, usec};
+        qrn_timer_normalize_tv(&tv);
+        EXPECT_TRUE(tv.tv_usec >= 0 && tv.tv_usec < 1'000'000);
+        EXPECT_EQ(tv.tv_sec * 1'000'000 + tv.tv_usec, 5'000'000 + usec);
+    }
+}
+
 TEST_F(Timers, ThatDoNotExistAreRefused)
 {
-    EXPECT_TRUE(schedule(ULONG_MAX / 2) == 0 && cancel(0));
+    EXPECT_EQ(schedule(ULONG_MAX / 2), 0);
+    EXPECT_EQ(qrn_timer_next_msec(timer), INT_MAX);
+    qrn_timer_release(timer, 0, 1); // nobody holds it
+    EXPECT_TRUE(cancel(0) && qrn_timer_push_free_id(nullptr, 0) == QRN_FAILURE);
     for (const int id : {-1, 0, 1}) {
         qrn_timer_release(timer, id, 1);
         EXPECT_EQ(qrn_timer_queue_of(timer, id), nullptr);
