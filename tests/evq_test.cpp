@@ -34,6 +34,10 @@ int qrn_automon_sctl_create(qrnmon_sctl_t **sctl, const qrnmon_format_func_t *, 
     *sctl = controller;
     return asked.note("create", transport == qrnmon_transport_qrn_module(), opts);
 }
+const qrnmon_transport_func_t *qrnmon_transport_qrnsnmp_module(void)
+{
+    return nullptr; // only the monitoring layer looks at it
+}
 void qrn_automon_sctl_destroy(void)
 {
     asked.note("destroy");

@@ -25,10 +25,10 @@ TEST_F(StatsTest, SnapshotConvertsAndSumsResetKeepsWhatIsQueued)
         for (size_t i = 0; i < fields; ++i) {
             const size_t place = (i < unblock + 2 ? i : i - 2) % 5;
             const bool is_sum = i == events || i == events + 1, none = place == 2 && !sampled;
-            own[i] = none ? no_sample : is_sum ? 0 : (i + 1) * 1'000'001;
+            own[i] = none ? no_sample : (i + 1) * 1'000'001;
             shown[i] = place < 2 || none ? own[i] : own[i] / ticks_per_usec;
             reset[i] = place == 0 ? own[i] : place == 2 ? no_sample : 0;
-            if (place < 2)
+            if (place < 2 && !is_sum)
                 sum[place] += own[i];
         }
         shown[events] = sum[0];

@@ -133,6 +133,11 @@ typedef void (*qrn_evq_cb_proc)(qrn_event_queue_t *evq, void *clientd);
 /** @brief Report of a monitor callback: an event was accepted. */
 #define QRN_EVQ_MON_ENQUEUE_NOTIFICATION 3
 
+/** @brief Value of `monitor_transport`: "qrn". */
+#define QRN_EVQ_MON_TRANSPORT_QRN 1
+/** @brief Value of `monitor_transport`: "qrnsnmp". */
+#define QRN_EVQ_MON_TRANSPORT_QRNSNMP 2
+
 /**
  * @brief Watches a queue; given at creation.
  *
@@ -259,7 +264,7 @@ QRN_API int qrn_event_queue_create(qrn_event_queue_t **evqp, qrn_event_queue_mon
  * | `queue_age_enabled` | int | 0, 1: age statistics | 0 | yes |
  * | `queue_count_enabled` | int | 0, 1: event counts | 0 | yes |
  * | `monitor_interval` | unsigned long | seconds between samples, low 32 bits; 0 is off | 0 | no |
- * | `monitor_transport` | int | 1 "qrn", 2 "qrnsnmp" | 1 | no |
+ * | `monitor_transport` | int | a QRN_EVQ_MON_TRANSPORT_ value: 1 "qrn", 2 "qrnsnmp" | 1 | no |
  * | `monitor_transport_opts` | string | options of the transport, not beginning with '"' | none | no |
  * | `monitor_appid` | string | application identifier in the samples | none | no |
  * | `event_queue_name` | string | letters, digits, '-', '_'; 128 at most | none | no |

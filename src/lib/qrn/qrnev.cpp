@@ -192,16 +192,19 @@ void init_queue(qrn_event_queue_t *evq)
     reset_stats(evq);
 }
 
-const qrnmon_transport_func_t *transport_module(int code)
+// Whether there is a module for the transport.
+bool find_transport(int code, const qrnmon_transport_func_t **module)
 {
     switch (code) {
     case QRN_EVQ_MON_TRANSPORT_QRN:
-        return qrnmon_transport_qrn_module();
+        *module = qrnmon_transport_qrn_module();
+        return true;
     case QRN_EVQ_MON_TRANSPORT_QRNSNMP:
-        return qrnmon_transport_qrnsnmp_module();
+        *module = qrnmon_transport_qrnsnmp_module();
+        return true;
     default:
         qrn_seterr(QRN_ERR_INVALID, "CoreApi-5688-387: monitor_transport is not supported");
-        return nullptr;
+        return false;
     }
 }
 
@@ -210,8 +213,8 @@ int start_monitoring(qrn_event_queue_t *evq)
     const qrn_event_queue_attr_t *attr = evq->attr;
     const qrnmon_format_func_t *format = qrnmon_format_csv_module();
     evq->automonitor = 1;
-    const qrnmon_transport_func_t *transport = transport_module(attr->mon_transport_module);
-    if (transport == nullptr)
+    const qrnmon_transport_func_t *transport = nullptr;
+    if (!find_transport(attr->mon_transport_module, &transport))
         return -1;
     if (qrn_automon_sctl_create(&evq->mon_sctl, format, nullptr, transport,
                                 attr->mon_transport_opts) == -1)
@@ -293,16 +296,20 @@ qrn_event_t *take_event(qrn_event_queue_t *evq)
 
 void unregister(qrn_event_queue_t *evq)
 {
-    kfx::lock_guard list(evq_list_lock);
-    for (qrn_evq_node_t **link = &evq_head; *link != nullptr; link = &(*link)->next) {
-        if ((*link)->q != evq)
-            continue;
-        qrn_evq_node_t *node = *link;
-        *link = node->next;
-        std::free(node);
-        break;
+    bool was_last = false;
+    {
+        kfx::lock_guard list(evq_list_lock);
+        for (qrn_evq_node_t **link = &evq_head; *link != nullptr; link = &(*link)->next) {
+            if ((*link)->q != evq)
+                continue;
+            qrn_evq_node_t *node = *link;
+            *link = node->next;
+            std::free(node);
+            break;
+        }
+        was_last = evq_head == nullptr;
     }
-    if (evq_head == nullptr)
+    if (was_last)
         trim_records();
 }
 

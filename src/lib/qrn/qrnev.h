@@ -20,9 +20,6 @@ typedef struct qrn_timer_t_stct qrn_timer_t;
 
 /* --- Attributes -------------------------------------------------------------------------------- */
 
-#define QRN_EVQ_MON_TRANSPORT_QRN 1
-#define QRN_EVQ_MON_TRANSPORT_QRNSNMP 2
-
 /* The options of a queue. The record owns the five blocks its pointers name. In a queue's own copy
  * the fields of live options are read and written without a lock, each as a whole. */
 struct qrn_event_queue_attr_t_stct {

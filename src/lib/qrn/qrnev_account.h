@@ -97,7 +97,7 @@ void release_bundle(qrn_event_t *ev);
 void free_bundle(qrn_event_bundle_t *bundle);
 inline void free_released_bundle(const qrn_event_t *ev)
 {
-    if ((ev->marks & mark_released) != 0)
+    if (ev->type == QRN_EVQ_MSG_BUNDLE_TYPE && (ev->marks & mark_released) != 0)
         free_bundle(ev->info.msg_bundle);
 }
 

@@ -106,12 +106,14 @@ int qrn_event_queue_attr_init_defaults(record *attr)
 int qrn_event_queue_attr_clone(record *dest, const record *src)
 {
     release_blocks(dest);
-    *dest = *src; // the numbers and lengths; each pointer is replaced below
+    *dest = *src; // the numbers; each pointer is replaced below, with its length
     dest->mon_transport_opts = qrnev::copy_text(src->mon_transport_opts);
     dest->mon_appid = qrnev::copy_text(src->mon_appid);
     dest->setopt_mask = qrnev::copy_bytes(src->setopt_mask, mask_size);
     dest->evq_name = qrnev::copy_text(src->evq_name);
+    dest->evq_name_len = dest->evq_name == nullptr ? 0 : src->evq_name_len;
     dest->app_data = qrnev::copy_bytes(src->app_data, src->app_data_len);
+    dest->app_data_len = dest->app_data == nullptr ? 0 : src->app_data_len;
     return QRN_OK;
 }
 

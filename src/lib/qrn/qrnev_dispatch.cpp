@@ -211,13 +211,15 @@ public:
           info_{evq, node_}, hook_{qrn_evq_dequeue_cb_func, &info_}
     {
     }
-    ~registration()
-    {
-        if (node_ != nullptr)
-            qrn_evq_rem_dispatch_thread(evq_, node_);
-    }
+    ~registration() { end(); }
     registration(const registration &) = delete;
     registration &operator=(const registration &) = delete;
+
+    int end()
+    {
+        qrn_evq_dispatch_thrd_node_t *node = std::exchange(node_, nullptr);
+        return node != nullptr ? qrn_evq_rem_dispatch_thread(evq_, node) : 0;
+    }
 
     qrn_evq_dispatch_thrd_node_t *node() const { return node_; }
     qrn_tl_queue_dequeue_cb_info_t *hook() { return node_ != nullptr ? &hook_ : nullptr; }
@@ -251,25 +253,26 @@ public:
     settle_guard(const settle_guard &) = delete;
     settle_guard &operator=(const settle_guard &) = delete;
 
-    // The way on. In full flow the record is used again.
-    void settle(bool in_flow)
+    // The way on: the result of the registry's part. In full flow the record is used again.
+    int settle(bool in_flow)
     {
-        finish();
+        int result = finish();
         qrn_event_t *ev = std::exchange(ev_, nullptr);
         free_released_bundle(ev);
-        if (!in_flow) {
+        if (in_flow) {
+            release_owned(ev, 0);
+            put_record(ev);
+        } else {
             qrn_event_delete(ev);
-            return;
         }
-        release_owned(ev, 0);
-        put_record(ev);
+        return result;
     }
 
 private:
-    void finish()
+    int finish()
     {
-        if (qrn_evq_dispatch_thrd_node_t *node = std::exchange(node_, nullptr); node != nullptr)
-            qrn_evq_dispatch_thread_ev_done(evq_, node);
+        qrn_evq_dispatch_thrd_node_t *node = std::exchange(node_, nullptr);
+        return node != nullptr ? qrn_evq_dispatch_thread_ev_done(evq_, node) : 0;
     }
 
     qrn_event_queue_t *evq_;
@@ -367,9 +370,9 @@ private:
         age_and_warn(evq_, ev);
         int result = deliver(evq_, ev);
         probe::delivered(evq_, ev, ev->type, result);
-        failed_ = result == -1;
-        ended_ = failed_ || ev->type == QRN_EVQ_UNBLOCK_TYPE;
-        event.settle(events_ >= full_flow);
+        const bool unblocks = ev->type == QRN_EVQ_UNBLOCK_TYPE;
+        failed_ = event.settle(events_ >= full_flow) == -1 || result == -1;
+        ended_ = failed_ || unblocks;
         ++events_;
     }
 
@@ -377,12 +380,16 @@ private:
     static constexpr long full_flow = 32;
     static constexpr long most = INT_MAX;
 
-    int result() const { return failed_ ? -1 : static_cast<int>(std::min(events_, most)); }
+    int result()
+    {
+        failed_ = thread_.end() == -1 || failed_;
+        return failed_ ? -1 : static_cast<int>(std::min(events_, most));
+    }
 
     qrn_event_queue_t *evq_;
     registration thread_;
     long events_ = 0;     // more than an int in a call that goes on for long
-    bool failed_ = false; // a callback returned -1
+    bool failed_ = false; // a callback or the registry returned -1
     bool ended_ = false;
 };
 

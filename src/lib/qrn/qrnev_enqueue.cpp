@@ -48,9 +48,11 @@ int undo(qrn_event_t *ev)
     return -1;
 }
 
-// Apart, since most queues do not count.
+// Once. Apart, since most queues do not count.
 [[gnu::noinline]] void count_in(qrn_event_t *ev)
 {
+    if ((ev->marks & mark_counted) != 0)
+        return;
     qrn_event_queue_t *evq = ev->evq;
     ev->marks |= mark_counted;
     for_each_count(ev, [evq](const group &g, long n) {
@@ -117,6 +119,8 @@ int qrn_evq_enq_msg_bundle(qrn_event_queue_t *evq, qrn_event_bundle_t *bundle)
         return 0;
     qrn_event_t *ev = make_event(evq, QRN_EVQ_MSG_BUNDLE_TYPE, bundle->ctx);
     ev->info.msg_bundle = bundle;
+    if (kfx::load(evq->attr->q_count) != 0)
+        count_in(ev); // before the trace, unlike other events
     KFX_TRACE(KFX_DBG_EVENT, "evq %p enq MSG BUNDLE ctx %p [%d msgs]\n", ptr(evq), ptr(bundle->ctx),
               bundle->num_events);
     return append(ev);

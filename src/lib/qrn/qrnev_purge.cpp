@@ -41,7 +41,7 @@ qrn_event_t blank(int type, qrn_context_t *ctx)
 qrn_event_t rcv_template(qrn_rcv_t *rcv)
 {
     qrn_event_t key = blank(QRN_EVQ_MSG_TYPE, rcv->ctx);
-    key.info.msg.rcv = rcv;
+    key.info.msg = {rcv, nullptr, rcv->clientd, rcv->proc};
     return key;
 }
 
@@ -70,7 +70,7 @@ qrn_event_t io_template(qrn_context_t *ctx, qrn_handle_t handle, qrn_ulong_t ev)
 qrn_event_t src_template(qrn_src_t *src)
 {
     qrn_event_t key = blank(QRN_EVQ_SRC_TYPE, src->ctx);
-    key.info.src.src = src;
+    key.info.src = {src, 0, src->clientd, nullptr, 0, src->proc};
     return key;
 }
 
@@ -105,11 +105,11 @@ int compare(const void *buff, const void *in, Same same)
 
 using event = qrn_event_t;
 
-// Whether a bundle's entry still carries a message for the template's receiver.
-bool is_for(const event &entry, const event &key)
+// Whether a bundle's entry still carries a message of this type for the template's receiver.
+bool is_for(const event &entry, int type, const event &key)
 {
     bool carries = entry.type == QRN_EVQ_MSG_TYPE || entry.type == QRN_EVQ_WRCV_MSG_TYPE;
-    return entry.ctx != nullptr && carries && entry.type == key.type &&
+    return entry.ctx != nullptr && carries && entry.type == type &&
            entry.info.msg.rcv == key.info.msg.rcv;
 }
 
@@ -169,7 +169,7 @@ int qrn_evq_purge_msg_bundle_cmp(const void *buff, const void *in)
     const qrn_event_bundle_t *bundle = ev_in_q->info.msg_bundle;
     KFX_ASSERT(bundle != nullptr, "bundle!=NULL");
     for (int i = 0; i < bundle->num_events; ++i) {
-        if (is_for(bundle->events[i], *ev_in))
+        if (is_for(bundle->events[i], ev_in->type, *ev_in))
             return 0;
     }
     return 1;
@@ -221,12 +221,11 @@ constexpr receiver_kind plain = {QRN_EVQ_MSG_TYPE, data_group, &qrn_event_bundle
 constexpr receiver_kind wildcard = {QRN_EVQ_WRCV_MSG_TYPE, wrcv_group,
                                     &qrn_event_bundle_t::wrcv_msgs};
 
-// Releases one message of the queued event `ev`, that of the event itself or of an entry of its bundle.
-void drop_message(const event &ev, const event &holder, const receiver_kind &kind)
+// Takes one message that was released off the figures: of the queued event, or of an entry of its bundle.
+void count_purged(const event &ev, const receiver_kind &kind)
 {
     qrn_event_queue_t *evq = ev.evq;
     probe::purged(evq, &ev, kind.type);
-    release_undelivered(&holder);
     if (was_counted(evq, &ev))
         kfx::sub(evq->*groups[kind.group].now, 1);
     if (was_sized(&ev, sizes_events(evq)))
@@ -241,11 +240,12 @@ bool thin(const event &ev, const event &key, const receiver_kind &kind)
         return false;
     for (int i = 0; i < bundle->num_events; ++i) {
         event &entry = bundle->events[i];
-        if (!is_for(entry, key))
+        if (!is_for(entry, kind.type, key))
             continue;
         entry.ctx = nullptr;
+        release_undelivered(&entry);
         --(bundle->*kind.carried);
-        drop_message(ev, entry, kind);
+        count_purged(ev, kind);
     }
     if (bundle->data_msgs != 0 || bundle->wrcv_msgs != 0)
         return false;
@@ -260,7 +260,8 @@ bool filter(const event &ev, const event &key, const receiver_kind &kind)
         return thin(ev, key, kind);
     if (ev.type != kind.type || ev.info.msg.rcv != key.info.msg.rcv)
         return false;
-    drop_message(ev, ev, kind);
+    release_undelivered(&ev);
+    count_purged(ev, kind);
     return true;
 }
 

@@ -66,8 +66,8 @@ int qrn_event_queue_retrieve_stats(qrn_event_queue_t *evq, qrn_event_queue_stats
         if (g.svc.min != nullptr)
             copy_times(evq, g.svc, stats);
     }
-    stats->events = now; // the queue's own counts of all events stay 0
-    stats->events_tot = tot;
+    stats->events = now - stats->events; // of the other groups
+    stats->events_tot = tot - stats->events_tot;
     return 0;
 }
 
