@@ -60,6 +60,15 @@ int qrn_fd_resume(qrn_fd_t *, qrn_handle_t, qrn_ulong_t)
     check(--suspended >= 0, "resumed more often than suspended");
     return 0;
 }
+int __real_qrn_tl_queue_dequeue_ex(qrn_tl_queue_t *, void **, int,
+                                   qrn_tl_queue_dequeue_cb_info_t *);
+int __wrap_qrn_tl_queue_dequeue_ex(qrn_tl_queue_t *q, void **item, int block,
+                                   qrn_tl_queue_dequeue_cb_info_t *hook)
+{
+    const int result = __real_qrn_tl_queue_dequeue_ex(q, item, block, hook);
+    check(result == 0 && (block == 0 || *item != nullptr), "a wait ends without an item");
+    return result;
+}
 // `refs` counts the releases of a message.
 int qrn_msg_delete(qrn_msg_t *msg)
 {

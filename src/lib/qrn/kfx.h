@@ -36,6 +36,8 @@ __attribute__((format(printf, 3, 4))) int kfx_snprintf(char *buf, size_t size, c
 #ifdef __cplusplus
 }
 
+static_assert(sizeof(void *) == 8 && sizeof(long) == 8, "made for 64-bit Linux (LP64)");
+
 /* Reports `text` when `cond` does not hold. The text is given apart, since what is reported is part
  * of the interface and must not follow the formatting of the code. */
 #define KFX_ASSERT(cond, text) \

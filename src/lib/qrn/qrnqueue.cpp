@@ -5,8 +5,9 @@
 // LIST. A singly linked list with a sentinel at its head and a lock at each end. An appender links its
 // node behind `tail` with a release store of `next`, which publishes the item; takers and passes, which
 // exclude each other by `head_lock`, read `next` with acquire order. A taker makes the first node the
-// new sentinel and retires the old one. A pass unlinks in place, and takes `tail_lock` only to unlink
-// the last node. It looks at what was queued when it began, so producers cannot keep it going.
+// new sentinel and retires the old one. A pass unlinks in place, and takes `tail_lock` for a moment to
+// learn where the list ends, and to unlink the last node. It looks at what was queued when it began, so
+// producers cannot keep it going.
 //
 // NODES are cut from segments, in the order they are linked. The segment whose nodes have all been
 // retired goes back to the appenders through `spare`, or to the allocator when one is there already,
@@ -19,8 +20,8 @@
 // still holds head_lock, when it can. In full flow it offers the stale tokens to the appenders
 // instead, many at once, and an append that has the credit of one uses it and posts none: then neither
 // end touches the semaphore, whose cache line would go to and fro. A taker whose token finds nothing
-// has used up a stale one: -1. It ends the flow: what was lent is taken back and settled. Should nothing
-// be stale then, an appender had the credit of this very token, and the item it stands for is there.
+// has used up a stale one: -1. It ends the flow: what was lent is taken back and settled. Then it waits
+// again. Should nothing be stale, an appender had the credit of this very token, and the item it stands for is there.
 // Since stale is never negative, every item has a token that is posted, about to be, or held by
 // somebody who will look.
 //
@@ -261,7 +262,7 @@ void leave_parked(qrn_tl_queue_t *q)
         }
         if (sem_trywait(&q->park) == 0)
             return leave_looking(q);
-        relax(); // a waker is between the two
+        sched_yield(); // a waker is between the two
     }
 }
 
@@ -412,8 +413,8 @@ void prefetch(const node *n)
         __builtin_prefetch(item + at);
 }
 
-// What a taker does when it finds the queue empty: it comes back later, it goes on to wait, or it has
-// waited and holds a token.
+// What a taker does when it finds the queue empty: it comes back later, it goes on to wait (also when its
+// token turned out to be stale), or it has waited and holds a token.
 enum class taker { polls, waits, has_token };
 
 // Looks at the list, which is empty, for an item that comes at once. Under head_lock.
@@ -428,7 +429,7 @@ node *look_for_item(qrn_tl_queue_t *q)
 
 // Goes on when the list was found empty: the flow has ended. An item that comes meanwhile, or null. Under
 // head_lock.
-[[gnu::noinline]] node *find_in_empty(qrn_tl_queue_t *q, taker who)
+[[gnu::noinline]] node *find_in_empty(qrn_tl_queue_t *q, taker &who)
 {
     end_flow(q);
     if (who == taker::has_token) {
@@ -437,6 +438,7 @@ node *look_for_item(qrn_tl_queue_t *q)
         if (q->owed == 0)
             return after(q->head);
         --q->owed;
+        who = taker::waits;
     }
     settle_tokens(q);
     update_fd(q); // a pass that an exception cut short may have left it readable
@@ -447,7 +449,7 @@ node *look_for_item(qrn_tl_queue_t *q)
 }
 
 // The first item, or null; with its token accounted for. Under head_lock.
-node *find_first(qrn_tl_queue_t *q, taker who)
+node *find_first(qrn_tl_queue_t *q, taker &who)
 {
     node *first = after(q->head);
     if (first == nullptr)
@@ -458,7 +460,7 @@ node *find_first(qrn_tl_queue_t *q, taker who)
 }
 
 // Takes the first item; false when there is none.
-bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo, taker who)
+bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo, taker &who)
 {
     end_guard head(q->head_lock);
     node *first = find_first(q, who);
@@ -476,7 +478,8 @@ bool take_first(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t 
 
 int take_now(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo)
 {
-    take_first(q, value, cbinfo, taker::polls);
+    taker who = taker::polls;
+    take_first(q, value, cbinfo, who);
     return 0;
 }
 
@@ -484,16 +487,22 @@ int take_now(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cb
                                       qrn_tl_queue_dequeue_cb_info_t *cbinfo,
                                       const struct timespec *deadline)
 {
-    if (!try_token(q) && !wait_for_token(q, deadline))
-        return -1;
-    return take_first(q, value, cbinfo, taker::has_token) ? 0 : -1;
+    taker who;
+    do {
+        if (!try_token(q) && !wait_for_token(q, deadline))
+            return -1;
+        who = taker::has_token;
+        if (take_first(q, value, cbinfo, who))
+            return 0;
+    } while (who == taker::waits);
+    return -1;
 }
 
 int take_waiting(qrn_tl_queue_t *q, void **value, qrn_tl_queue_dequeue_cb_info_t *cbinfo,
                  const struct timespec *deadline)
 {
-    return take_first(q, value, cbinfo, taker::waits) ? 0
-                                                      : take_after_wait(q, value, cbinfo, deadline);
+    taker who = taker::waits;
+    return take_first(q, value, cbinfo, who) ? 0 : take_after_wait(q, value, cbinfo, deadline);
 }
 
 // --- Passes --------------------------------------------------------------------------------------
@@ -517,6 +526,7 @@ void unlink_after(qrn_tl_queue_t *q, node *prev)
     settle_tokens(q);
 }
 
+// The lock is needed: while an append goes on, `tail` may be a node that was unlinked already.
 node *last_node(qrn_tl_queue_t *q)
 {
     kfx::lock_guard tail(q->tail_lock);

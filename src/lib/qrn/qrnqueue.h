@@ -72,8 +72,8 @@ void qrn_tl_queue_delete(qrn_tl_queue_t *q);
 int qrn_tl_queue_enqueue(qrn_tl_queue_t *q, void *value);
 
 /* Takes the first item into `*value`; stores null there when none was taken. With `block` it waits
- * for an item. 0, or -1 when a wait ended without an item and the caller is to try again; an empty
- * queue without `block` gives 0 and null. */
+ * for an item. 0; an empty queue without `block` gives 0 and null. -1 when a wait ended without an
+ * item, which happens only when somebody else posted `sem_sz`: the caller is to try again. */
 int qrn_tl_queue_dequeue(qrn_tl_queue_t *q, void **value, int block);
 
 /* The same; when an item is taken and `cbinfo` is not null, calls the hook with it before any pass

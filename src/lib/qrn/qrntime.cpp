@@ -180,7 +180,8 @@ void free_id(qrn_timer_heap_t &hp, qrn_timer_node_t *node)
 
 qrn_timer_node_t *find(const qrn_timer_t *timer, int id)
 {
-    if (timer == nullptr || timer->hp == nullptr || id < 0 || id >= timer->hp->maxnumidxs)
+    if (timer == nullptr || timer->hp == nullptr || timer->hp->timers == nullptr || id < 0 ||
+        id >= timer->hp->maxnumidxs)
         return nullptr;
     return timer->hp->timers[id];
 }
