@@ -21,9 +21,9 @@
 // instead, many at once, and an append that has the credit of one uses it and posts none: then neither
 // end touches the semaphore, whose cache line would go to and fro. A taker whose token finds nothing
 // has used up a stale one: -1. It ends the flow: what was lent is taken back and settled. Then it waits
-// again. Should nothing be stale, an appender had the credit of this very token, and the item it stands for is there.
-// Since stale is never negative, every item has a token that is posted, about to be, or held by
-// somebody who will look.
+// again. Should nothing be stale, an appender had the credit of this very token, and the item it stands
+// for is there. Since stale is never negative, every item has a token that is posted, about to be, or
+// held by somebody who will look.
 //
 // WAITING. A taker that finds the queue empty while nobody else waits looks at the list itself for a
 // moment and keeps head_lock meanwhile: the item is in its hands one step earlier than its token could
