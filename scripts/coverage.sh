@@ -43,7 +43,6 @@ reasons = [
                  r"q->owed == 0|somebody_is_parked\(idle\)\) \{|idle - one_parked, std|leave_looking\(q\);|"
                  r"^if \(next == nullptr\)|!try_token\(q\) &&", race),
     ("qrnev.cpp", r"if \(ev == nullptr\)|take_event\(evq\)", race),
-    ("qrnev_dispatch", r"dequeue_ex\(evq_->q, &ev, 1", race),
     ("qrnev_deliver", r"compare_exchange", race),
     ("qrnev_record", r"batch == nullptr", race),
     ("qrnmsg", r"kfx::load\(msg->refs\) > 0", race),
@@ -61,7 +60,7 @@ reasons = [
     ("qrnev_account", r"group; id >= 0", never),
     ("qrnev_cancel", r"bool known|KFX_CHECK", never),
     ("qrnev_deliver", r"timer->hp->xmap == nullptr|ctx == nullptr \|\|", never),
-    ("qrnev_dispatch", r"dequeue_ex\(evq_->q, &ev, 0|value [!=]= nullptr", never),
+    ("qrnev_dispatch", r"dequeue_ex\(evq_->q, &ev, [01]|value [!=]= nullptr|settle\(|thread_\.end\(", never),
     ("qrnctx", r"known != nullptr|!queue\.detached|queue != nullptr &&|QRN_EVQ_WRCV_MSG_TYPE\)|"
                r"qrn_timer_cancel\(", never),
     ("qrntime", r"timer == nullptr \|\|", never),

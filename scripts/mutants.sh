@@ -154,7 +154,7 @@ fault $d "dispatch: the deadline itself is too late" 'now.tv_usec > end_.tv_usec
 fault $d "dispatch: warns at the limit" 'if (sz > limit)' 'if (sz >= limit)'
 fault $d "dispatch: a bundle leaves as one" 'kfx::sub(evq->qsz, size_of(ev))' 'kfx::sub(evq->qsz, 1)'
 fault $d "dispatch: no hook" 'return node_ != nullptr ? &hook_ : nullptr;' 'return nullptr;'
-fault $d "dispatch: unblock goes on" 'unblocks = ev->type == QRN_EVQ_UNBLOCK_TYPE;' 'unblocks = ev == nullptr;'
+fault $d "dispatch: unblock goes on" 'ended_ = failed_ || ev->type == QRN_EVQ_UNBLOCK_TYPE;' 'ended_ = failed_;'
 fault $d "dispatch: a bundle ends before its registration" '        int result = finish();
         qrn_event_t *ev = std::exchange(ev_, nullptr);
         free_released_bundle(ev);' '        free_released_bundle(ev_);

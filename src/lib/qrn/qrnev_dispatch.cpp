@@ -370,9 +370,10 @@ private:
         age_and_warn(evq_, ev);
         int result = deliver(evq_, ev);
         probe::delivered(evq_, ev, ev->type, result);
-        const bool unblocks = ev->type == QRN_EVQ_UNBLOCK_TYPE;
-        failed_ = event.settle(events_ >= full_flow) == -1 || result == -1;
-        ended_ = failed_ || unblocks;
+        failed_ = result == -1;
+        ended_ = failed_ || ev->type == QRN_EVQ_UNBLOCK_TYPE;
+        if (event.settle(events_ >= full_flow) == -1) [[unlikely]]
+            failed_ = ended_ = true;
         ++events_;
     }
 
