@@ -99,6 +99,14 @@ TEST_F(QueueTest, CallbackThatThrowsEndsThePass)
     EXPECT_EQ(drain(), (numbers{2, 3}));
 }
 
+TEST_F(QueueTest, TokenThatNobodyOwesEndsAWait)
+{
+    void *value = q;
+    EXPECT_EQ(sem_post(&q->sem_sz), 0);
+    EXPECT_EQ(qrn_tl_queue_dequeue(q, &value, 1), -1);
+    EXPECT_EQ(value, nullptr);
+}
+
 // Wherever its nodes end in a segment, when the last ones were removed or one is left: the leak
 // checker looks.
 TEST_F(QueueTest, DeletionFreesEverySegment)
