@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Everything at once: producers, dispatchers, a thread that purges and one that deletes receivers;
-// some queues are shut down in the end, with what they still hold. Each event ends once, each dispatcher gets a producer's events in order, and nobody is inside an
-// event of a receiver whose cancellation callback was made.
+// Everything at once: producers, dispatchers, a thread that purges and one that deletes receivers; some
+// queues are shut down in the end, with what they still hold. Each event ends once, each dispatcher gets
+// a producer's events in order, and nobody is inside an event of a receiver whose cancellation callback
+// was made.
 #include <list>
 #include <random>
 #include <thread>

@@ -335,7 +335,7 @@ public:
             ;
         if (ev != nullptr)
             process_one(ev);
-        return result();
+        return leave();
     }
 
     int run()
@@ -345,7 +345,7 @@ public:
             if (qrn_tl_queue_dequeue_ex(evq_->q, &ev, 1, thread_.hook()) != -1)
                 process_one(ev);
         }
-        return result();
+        return leave();
     }
 
     int run_until(const deadline &end)
@@ -355,7 +355,7 @@ public:
             if (qrn_tl_queue_dequeue_timed(evq_->q, &ev, thread_.hook(), end.wait_end()) != -1)
                 process_one(ev);
         }
-        return result();
+        return leave();
     }
 
 private:
@@ -381,7 +381,8 @@ private:
     static constexpr long full_flow = 32;
     static constexpr long most = INT_MAX;
 
-    int result()
+    // Ends the registration, then the call: its result.
+    int leave()
     {
         failed_ = thread_.end() == -1 || failed_;
         return failed_ ? -1 : static_cast<int>(std::min(events_, most));
